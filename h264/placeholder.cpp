@@ -1,0 +1,1 @@
+// Parameter-set model: filled in by the H.264 work.

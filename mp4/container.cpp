@@ -1,0 +1,70 @@
+#include "mp4/container.h"
+
+#include <algorithm>
+
+#include "mp4/boxes.h"
+
+namespace MP4 {
+
+Container::~Container() { delete root; }
+
+bool Container::attach(const std::wstring& newPath, uint64_t sizeLimit) {
+  return GLTK::FileIO::open(newPath, [&](GLTK::FileIO& file) {
+    path = newPath;
+    BinFile f(file);
+    parse(f, sizeLimit);
+  });
+}
+
+void Container::parse(BinFile& f, uint64_t sizeLimit) {
+  delete root;
+  root = nullptr;
+  moov = mdat = videoTrak = nullptr;
+
+  root = new ROOT(0, std::min(f.length(), sizeLimit), code("root"), nullptr);
+  root->depth = -1;
+  root->parseBox(f, sizeLimit);
+
+  find("mdat", [this](BOX& box) {
+    mdat = &box;
+    return false;
+  });
+  find("moov", [this](BOX& box) {
+    moov = &box;
+    return false;
+  });
+  // The last track whose header has a width is the video track.
+  find("moov.trak", [this](BOX& trak) {
+    static_cast<NestedBox&>(trak).find("tkhd", [this, &trak](BOX& box) {
+      if (static_cast<TKHD&>(box).width > 0) videoTrak = &trak;
+      return true;
+    });
+    return true;
+  });
+}
+
+void Container::find(const char* path, std::function<bool(BOX&)> predicate) const {
+  if (root != nullptr) root->find(path, std::move(predicate));
+}
+
+void Container::if_not_found(const char* path, const std::function<void()>& action) const {
+  if (root != nullptr) {
+    root->if_not_found(path, action);
+  } else {
+    action();
+  }
+}
+
+bool Container::open(const std::function<void(GLTK::FileIO&)>& callback) const {
+  return GLTK::FileIO::open(path, callback);
+}
+
+bool Container::open_a(const std::function<void(GLTK::FileIO&)>& callback) const {
+  return GLTK::FileIO::open_a(path, callback);
+}
+
+void Container::dump() const {
+  if (root != nullptr) root->dump();
+}
+
+}  // namespace MP4

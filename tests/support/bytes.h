@@ -1,0 +1,62 @@
+// Byte-writing helpers shared by the fixture builders: big-endian by
+// default, little-endian on request, with readable names per field.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace sondex::test {
+
+using Bytes = std::vector<uint8_t>;
+
+class ByteWriter {
+ public:
+  explicit ByteWriter(bool bigEndian = true) : bigEndian_(bigEndian) {}
+
+  ByteWriter& u8(uint8_t v) {
+    data_.push_back(v);
+    return *this;
+  }
+  ByteWriter& u16(uint16_t v) { return uint(v, 2); }
+  ByteWriter& u24(uint32_t v) { return uint(v, 3); }
+  ByteWriter& u32(uint32_t v) { return uint(v, 4); }
+  ByteWriter& u64(uint64_t v) { return uint(v, 8); }
+  ByteWriter& i16(int16_t v) { return uint(static_cast<uint16_t>(v), 2); }
+  ByteWriter& i32(int32_t v) { return uint(static_cast<uint32_t>(v), 4); }
+  ByteWriter& f32(float v);
+  // Signed 16.16 fixed point.
+  ByteWriter& fixed(double v) { return i32(static_cast<int32_t>(v * 65536.0)); }
+  ByteWriter& str(const std::string& text) {
+    data_.insert(data_.end(), text.begin(), text.end());
+    return *this;
+  }
+  ByteWriter& bytes(const Bytes& more) {
+    data_.insert(data_.end(), more.begin(), more.end());
+    return *this;
+  }
+  ByteWriter& bytes(std::initializer_list<uint8_t> more) {
+    data_.insert(data_.end(), more.begin(), more.end());
+    return *this;
+  }
+  ByteWriter& zeros(size_t n) {
+    data_.insert(data_.end(), n, 0);
+    return *this;
+  }
+
+  const Bytes& data() const { return data_; }
+  size_t size() const { return data_.size(); }
+
+ protected:
+  ByteWriter& uint(uint64_t v, int n);
+
+  bool bigEndian_;
+  Bytes data_;
+};
+
+// Hex text ("01 ab FF", blanks optional) to bytes.
+Bytes fromHex(const std::string& hex);
+std::string toHex(const Bytes& bytes);
+
+}  // namespace sondex::test

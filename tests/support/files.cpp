@@ -1,0 +1,103 @@
+#include "tests/support/files.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+
+#include "gltk/console.h"
+#include "gltk/wchar.h"
+
+namespace sondex::test {
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "sondex-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::wstring TempDir::wfile(const std::string& name) const { return widen(file(name)); }
+
+std::string TempDir::write(const std::string& name, const Bytes& bytes) const {
+  const std::string full = file(name);
+  writeFile(full, bytes);
+  return full;
+}
+
+Bytes readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string readText(const std::string& path) {
+  const Bytes bytes = readFile(path);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+void writeFile(const std::string& path, const Bytes& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+std::wstring widen(const std::string& utf8) { return GLTK::wchar::mbs2wcs(utf8); }
+
+ConsoleCapture::ConsoleCapture() : file_(std::tmpfile()), previous_(GLTK::Console::sink()) {
+  if (file_ == nullptr) throw std::runtime_error("tmpfile failed");
+  GLTK::Console::set_sink(file_);
+}
+
+ConsoleCapture::~ConsoleCapture() {
+  GLTK::Console::set_sink(previous_ == stdout ? nullptr : previous_);
+  std::fclose(file_);
+}
+
+std::string ConsoleCapture::text() const {
+  std::fflush(file_);
+  const int fd = fileno(file_);
+  std::string out;
+  char buffer[4096];
+  for (off_t at = 0;;) {
+    const ssize_t n = pread(fd, buffer, sizeof buffer, at);
+    if (n <= 0) break;
+    out.append(buffer, static_cast<size_t>(n));
+    at += n;
+  }
+  return out;
+}
+
+std::string run(const std::string& command, int* status) {
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) throw std::runtime_error("popen failed: " + command);
+  std::string out;
+  char buffer[4096];
+  size_t n;
+  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+  const int rc = pclose(pipe);
+  const int code = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  if (status != nullptr) {
+    *status = code;
+  } else if (code != 0) {
+    throw std::runtime_error("command failed (" + std::to_string(code) + "): " + command);
+  }
+  return out;
+}
+
+bool haveProgram(const std::string& name) {
+  int status = 0;
+  run("command -v " + name + " >/dev/null 2>&1", &status);
+  return status == 0;
+}
+
+}  // namespace sondex::test

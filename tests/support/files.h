@@ -1,0 +1,56 @@
+// Temporary files and console capture for tests.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "tests/support/bytes.h"
+
+namespace sondex::test {
+
+// A fresh directory under the system's temporary folder, removed with its
+// content at destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  std::wstring wfile(const std::string& name) const;
+  // Writes bytes to name and returns the full path.
+  std::string write(const std::string& name, const Bytes& bytes) const;
+
+ private:
+  std::string path_;
+};
+
+Bytes readFile(const std::string& path);
+std::string readText(const std::string& path);
+void writeFile(const std::string& path, const Bytes& bytes);
+std::wstring widen(const std::string& utf8);
+
+// Captures everything GLTK::Console writes while it lives.
+class ConsoleCapture {
+ public:
+  ConsoleCapture();
+  ~ConsoleCapture();
+  ConsoleCapture(const ConsoleCapture&) = delete;
+  ConsoleCapture& operator=(const ConsoleCapture&) = delete;
+
+  // The bytes written so far (UTF-8).
+  std::string text() const;
+
+ private:
+  FILE* file_;
+  FILE* previous_;
+};
+
+// Runs a shell command; returns its standard output. Fails the test on a
+// non-zero status unless allowed.
+std::string run(const std::string& command, int* status = nullptr);
+bool haveProgram(const std::string& name);
+
+}  // namespace sondex::test
