@@ -1,0 +1,1 @@
+// The Exif walker: filled in by the Exif work.

@@ -1,0 +1,1 @@
+// The sensor loaders: filled in by the sensor work.

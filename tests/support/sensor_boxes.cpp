@@ -1,0 +1,1 @@
+#include "tests/support/sensor_boxes.h"

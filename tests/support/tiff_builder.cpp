@@ -1,0 +1,1 @@
+#include "tests/support/tiff_builder.h"

@@ -1,0 +1,2 @@
+// TIFF/Exif byte builder (filled in with the Exif work).
+#pragma once
