@@ -1,0 +1,68 @@
+// MetaReader: everything read from one file, for its report line and its
+// sensor dump files. One reader serves one request and is then destroyed.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "exif/exif_parser.h"
+#include "report/sondex_probe.h"
+#include "report/view_heading.h"
+#include "sensor/accel_sensor_stream.h"
+#include "sensor/yaw_stabilizer.h"
+
+class MetaReader {
+ public:
+  // Movies.
+  bool parse(const wchar_t* path);
+  void dumpToJSON() const;
+  template <class T>
+  bool dumpXYZT(std::vector<T> samples, const std::wstring& path, std::function<void(std::ostream&)> extra);
+
+  // Stills.
+  bool parse_JPEG(const wchar_t* path, bool dump);
+  bool parse_DNG(const wchar_t* path, bool dump);
+  void dumpToJSON_still(bool isDNG) const;
+
+  // The command line: argument mode or the request stream.
+  static int process(int argc, wchar_t** argv);
+  static void usage();
+
+  std::wstring path;
+  Sondex probe;
+  std::vector<AccelSensorStreamEmbed::Gyro> gyro;
+  std::vector<AccelSensorStreamEmbed::Ecompass> ecompass;
+  std::vector<AccelSensorStreamEmbed::TopBottomCorrection> topBottomCorrection;
+  uint16_t gyroSamplingRate = 0;
+  uint16_t ecompassSamplingRate = 0;
+  uint16_t topBottomCorrectionSamplingRate = 0;
+  YawStabilizer yawStabilizer;
+  std::string sphericalText;
+  ViewHeading viewHeading;
+  std::string locationText;
+  uint32_t frameWidth = 0;
+  uint32_t frameHeight = 0;
+  bool hasSpatialSound = false;
+  uint8_t profileIdc = 0;
+  bool constrainedSet1Flag = false;
+  bool fullRange = false;
+  bool hasSA3DSound = false;
+
+  // The still's camera record and, for DNG, where the embedded JPEG preview
+  // and the two stitching tables lie.
+  ExifParser::ZEPRA stillRecord;
+  uint32_t previewOffset = 0;
+  uint32_t previewLength = 0;
+  uint32_t affineTable1Offset = 0;
+  uint32_t affineTable1Length = 0;
+  uint32_t affineTable2Offset = 0;
+  uint32_t affineTable2Length = 0;
+};
+
+// Widens and blanks a text for the report: quotes and control bytes (and,
+// as signed bytes, everything above 0x7F) become blanks; trailing white
+// space is trimmed; the result is in double quotes.
+std::wstring toJsonValueL(const std::string& text);

@@ -1,0 +1,1 @@
+// JPEG and DNG stills: filled in with the Exif work.

@@ -1,0 +1,51 @@
+// Yaw stabilisation: a per-sample yaw table built either from the camera's
+// own yaw corrections (KDTI) or by integrating the gyro log re-anchored on
+// gravity; the stabilisation setting of the maker note mapped to a yaw
+// mode; and the camera generation derived from the model text.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "exif/exif_parser.h"
+#include "mp4/container.h"
+#include "sensor/accel_sensor_stream.h"
+
+namespace MetaBuilder {
+
+// Camera generation code; 0 is an unknown camera.
+using CAMERA_VERSION = uint32_t;
+
+CAMERA_VERSION camera_version(const std::string& model);
+
+}  // namespace MetaBuilder
+
+class VideoStabilizationMode {
+ public:
+  enum MODE : int32_t {
+    DISABLED = 0,  // "disabled"
+    ENABLED = 1,   // "enabled"
+    LOCK_DIR = 2,  // "lockDir": the view keeps one compass direction
+  };
+
+  static MODE yawMode(ExifParser::VIDEO_STABILIZATION v);
+  // "disabled", "enabled", "lockDir" or "UNDEF".
+  static const wchar_t* yawText(MODE mode);
+};
+
+class YawStabilizer {
+ public:
+  bool init(MP4::Container& movie, VideoStabilizationMode::MODE mode, int frameRate, bool alternate,
+            MetaBuilder::CAMERA_VERSION version);
+  void generate(const std::vector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
+                const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
+                bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
+  void generate_by_kdtd(const std::vector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
+                        const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
+                        bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
+
+  std::vector<float> yawTable;   // one value per KDTI record or per gravity sample
+  uint16_t samplingRate = 30;    // the KDTD rate once the gravity log is loaded
+  float frameRate = 30.0f;
+};
