@@ -63,6 +63,19 @@ bool Container::open_a(const std::function<void(GLTK::FileIO&)>& callback) const
   return GLTK::FileIO::open_a(path, callback);
 }
 
+bool Container::readPayload(const BOX& box, std::string& out) const {
+  out.clear();
+  return open([&](GLTK::FileIO& file) {
+    const uint64_t length = file.length();
+    if (box.size <= 8 || box.start + 8 >= length) return;
+    const uint64_t n = std::min(box.size - 8, length - (box.start + 8));
+    BinFile f(file);
+    f.seek_set(box.start + 8);
+    out.resize(static_cast<size_t>(n));
+    out.resize(static_cast<size_t>(f.read(reinterpret_cast<unsigned char*>(out.data()), n)));
+  });
+}
+
 void Container::dump() const {
   if (root != nullptr) root->dump();
 }

@@ -31,6 +31,9 @@ class Container {
   bool open(const std::function<void(GLTK::FileIO&)>& callback) const;
   bool open_a(const std::function<void(GLTK::FileIO&)>& callback) const;
   void dump() const;
+  // Reads the box's payload (its size - 8 bytes from start + 8) as far as
+  // the file holds it; false when the file cannot be opened.
+  bool readPayload(const BOX& box, std::string& out) const;
 
   std::wstring path;
   const wchar_t* outputPath = nullptr;  // where a rebuilt file goes instead of path

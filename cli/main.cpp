@@ -1,0 +1,22 @@
+// sondex: reports the metadata of 360-degree camera movies and stills.
+#include <cstring>
+
+#include "gltk/console.h"
+#include "gltk/wchar.h"
+#include "report/meta_reader.h"
+
+int main(int argc, char** argv) {
+  GLTK::Console::init_locale();
+  // Ten wide argument slots; each converted argument lives until the
+  // process ends.
+  static wchar_t* arguments[10] = {};
+  if (argc >= 1) {
+    const int n = argc < 10 ? argc : 10;
+    for (int i = 0; i < n; ++i) {
+      const std::wstring wide = GLTK::wchar::mbs2wcs(argv[i]);
+      arguments[i] = new wchar_t[wide.size() + 1];
+      std::wmemcpy(arguments[i], wide.c_str(), wide.size() + 1);
+    }
+  }
+  return MetaReader::process(argc, arguments) & 0xFF;
+}

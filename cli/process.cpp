@@ -1,0 +1,99 @@
+// The command line: argument mode (one file and its options) and the
+// request stream (one tab-separated request per line of standard input).
+#include <cstdio>
+#include <cwchar>
+
+#include "cli/process_file.h"
+#include "gltk/console.h"
+#include "gltk/wchar.h"
+#include "report/meta_reader.h"
+
+namespace {
+
+constexpr int kArgumentSlots = 10;
+constexpr int kLineBuffer = 4096;
+
+bool startsWith(const wchar_t* text, const wchar_t* prefix) {
+  return std::wcsncmp(text, prefix, std::wcslen(prefix)) == 0;
+}
+
+// Answers request lines until standard input ends. A line is a source path
+// and up to three dump paths (gravity, gyro, compass), separated by tabs;
+// consecutive tabs count as one, so an empty field cannot be expressed.
+int requestStream() {
+  static wchar_t line[kLineBuffer] = {};
+  while (std::fgetws(line, kLineBuffer, stdin) != nullptr) {
+    if (wchar_t* cr = std::wcschr(line, L'\r')) *cr = L'\0';
+    if (wchar_t* lf = std::wcschr(line, L'\n')) *lf = L'\0';
+    wchar_t* state = nullptr;
+    if (std::wcstok(line, L"\t", &state) == nullptr) continue;
+    const wchar_t* dumps[3] = {nullptr, nullptr, nullptr};
+    for (const wchar_t*& dump : dumps) {
+      dump = std::wcstok(nullptr, L"\t", &state);
+      if (dump == nullptr) break;
+    }
+    // The path is the buffer from its start, so a line that begins with a
+    // tab passes a path beginning with that tab.
+    if (!processFile(line, dumps[0], dumps[1], dumps[2], false, false)) {
+      GLTK::Console::out(L"result: {\"status\":\"failed\"}\n");
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+void MetaReader::usage() {
+  GLTK::Console::out(
+      L"\n"
+      L"Sondex %ls\n"
+      L"usage: %ls [options] <source.mp4>\n"
+      L"  source.mp4      : input file.\n"
+      L"  -kdtd:kdtd.json : dump KDTD data\n"
+      L"  -set1           : overwrite constrained_set1_flag to 1, if H.264 and profile_idc is 66.\n"
+      L"\n",
+      GLTK::wchar::mbs2wcs("2.8.3.2019.07.25").c_str(), GLTK::wchar::mbs2wcs("Sondex.osx").c_str());
+}
+
+int MetaReader::process(int argc, wchar_t** argv) {
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
+  std::setvbuf(stderr, nullptr, _IONBF, 0);
+  if (argc < 2) return requestStream();
+
+  const wchar_t* source = nullptr;
+  const wchar_t* kdtd = nullptr;
+  const wchar_t* kdtb = nullptr;
+  const wchar_t* kdtc = nullptr;
+  bool set1 = false;
+  bool dump = false;
+  bool quiet = true;
+  // Only the first ten entries were converted; later ones are ignored.
+  const int last = argc < kArgumentSlots ? argc : kArgumentSlots;
+  for (int i = 1; i < last; ++i) {
+    const wchar_t* arg = argv[i];
+    if (arg == nullptr) continue;
+    if (std::wcscmp(arg, L"-h") == 0) {
+      quiet = false;
+    } else if (startsWith(arg, L"-kdtd:")) {
+      kdtd = arg + 6;
+    } else if (startsWith(arg, L"-kdtb:")) {
+      kdtb = arg + 6;
+    } else if (startsWith(arg, L"-kdtc:")) {
+      kdtc = arg + 6;
+    } else if (std::wcscmp(arg, L"-set1") == 0) {
+      set1 = true;
+    } else if (std::wcscmp(arg, L"-dump") == 0) {
+      dump = true;
+    } else if (source == nullptr) {
+      source = arg;
+    }
+  }
+  if (source == nullptr) {
+    if (quiet) return 0;
+    usage();
+    return 1;
+  }
+  if (processFile(source, kdtd, kdtb, kdtc, set1, dump)) return 0;
+  usage();
+  return 1;
+}

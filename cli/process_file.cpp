@@ -1,0 +1,108 @@
+#include "cli/process_file.h"
+
+#include <cwchar>
+#include <memory>
+#include <string>
+
+#include "exif/exif_parser.h"
+#include "gltk/console.h"
+#include "gltk/wchar.h"
+#include "mp4/container.h"
+#include "report/meta_reader.h"
+
+namespace {
+
+enum class Kind { Movie, Jpeg, Dng };
+
+bool endsWith(const wchar_t* path, size_t n, const wchar_t* suffix) {
+  const size_t k = std::wcslen(suffix);
+  return wcscasecmp(path + n - k, suffix) == 0;
+}
+
+// By the end of the name, any case. A name of just ".JPG" (or ".JPEG") has
+// nothing before the dot and is taken as a movie.
+Kind kindOf(const wchar_t* path) {
+  const size_t n = std::wcslen(path);
+  if (n >= 5 && endsWith(path, n, L".DNG")) return Kind::Dng;
+  if (n >= 5 && endsWith(path, n, L".JPG")) return Kind::Jpeg;
+  if (n >= 6 && endsWith(path, n, L".JPEG")) return Kind::Jpeg;
+  return Kind::Movie;
+}
+
+bool processStill(const wchar_t* path, bool isDNG, bool dump) {
+  auto reader = std::make_unique<MetaReader>();
+  const bool ok = isDNG ? reader->parse_DNG(path, dump) : reader->parse_JPEG(path, dump);
+  if (!ok) return false;
+  reader->dumpToJSON_still(isDNG);
+  return true;
+}
+
+// The constrained-set1 rule for an H.264 movie: Baseline movies whose flag
+// is 0 are rewritten; the others are reported as they are.
+void applySet1(MetaReader& reader, const wchar_t* path, bool& ok) {
+  const bool flag = reader.constrainedSet1Flag;
+  const unsigned profile = reader.profileIdc;
+  if (profile == 66 && !flag) {
+    (void)path;
+    (void)ok;
+    return;
+  }
+  if (flag) {
+    GLTK::Console::out(L"constrained_set1_flag = %d, not 0.\n", 1);
+    if (profile != 66) GLTK::Console::out(L"profile_idc = %u, not 66.\n", profile);
+  } else {
+    GLTK::Console::out(L"profile_idc = %u, not 66.\n", profile);
+  }
+}
+
+void dumpMakerNotes(const MetaReader& reader, const wchar_t* path) {
+  MP4::Container movie;
+  if (movie.attach(path, ~0ULL)) {
+    movie.find("moov.udta.KMKN", [&](MP4::BOX& box) {
+      if (box.size < 9) return true;
+      std::string payload;
+      movie.readPayload(box, payload);
+      try {
+        ExifParser parser;
+        parser.attachKMKN(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
+        parser.dumpKMKN();
+        GLTK::Console::out(L"\n");
+      } catch (const char* message) {
+        GLTK::Console::out(L"EXIF can't read - %ls\n", GLTK::wchar::mbs2wcs(message).c_str());
+      } catch (...) {
+        GLTK::Console::out(L"EXIF can't read.\n");
+      }
+      return true;
+    });
+  }
+  GLTK::Console::out(L"%ls\n", GLTK::wchar::mbs2wcs(reader.probe.sphericalXML).c_str());
+  GLTK::Console::out(L"%ls\n", GLTK::wchar::mbs2wcs(reader.probe.xmpPacket).c_str());
+}
+
+}  // namespace
+
+bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kdtbPath, const wchar_t* kdtcPath,
+                 bool set1, bool dump) {
+  const Kind kind = kindOf(path);
+  if (kind != Kind::Movie) return processStill(path, kind == Kind::Dng, dump);
+
+  auto reader = std::make_unique<MetaReader>();
+  bool ok = reader->parse(path);
+
+  if (set1 && ok && reader->probe.codec == 1) applySet1(*reader, path, ok);
+
+  if (kdtdPath != nullptr && ok) {
+    size_t next = 0;
+    const std::vector<float>& yaw = reader->yawStabilizer.yawTable;
+    ok = reader->dumpXYZT(reader->topBottomCorrection, kdtdPath, [&](std::ostream& out) {
+      if (next < yaw.size()) out << ",\"yaw\":" << yaw[next++];
+    });
+  }
+  if (kdtbPath != nullptr && ok) ok = reader->dumpXYZT(reader->gyro, kdtbPath, [](std::ostream&) {});
+  if (kdtcPath != nullptr && ok) ok = reader->dumpXYZT(reader->ecompass, kdtcPath, [](std::ostream&) {});
+  if (!ok) return false;
+
+  reader->dumpToJSON();
+  if (dump) dumpMakerNotes(*reader, path);
+  return true;
+}

@@ -1,0 +1,92 @@
+// Reading one movie: the probe first, then, when the movie can be
+// described, its sensor logs, yaw table, view settings, location, frame
+// size, spatial-audio flags and avcC flags.
+#include "report/meta_reader.h"
+
+#include <limits>
+
+#include "mp4/avcc.h"
+#include "mp4/boxes.h"
+
+namespace {
+
+constexpr MP4::UUID::Usertype kSphericalVideo = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93,
+                                                 0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
+
+}  // namespace
+
+bool MetaReader::parse(const wchar_t* file) {
+  path = file;
+  sphericalText.clear();
+  locationText.clear();
+  viewHeading = ViewHeading();
+  frameWidth = frameHeight = 0;
+  hasSpatialSound = false;
+  profileIdc = 0;
+  constrainedSet1Flag = false;
+  fullRange = false;
+  hasSA3DSound = false;
+  gyro.clear();
+  ecompass.clear();
+  topBottomCorrection.clear();
+  gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
+
+  const bool ok = probe.probe(path);
+
+  MP4::Container movie;
+  if (!movie.attach(path, ~0ULL)) return ok;
+  if (!ok) return ok;
+
+  AccelSensorStreamEmbed::loadGen2_KDTB(movie, gyro, gyroSamplingRate);
+  AccelSensorStreamEmbed::loadGen2_KDTC(movie, ecompass, ecompassSamplingRate);
+  AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, topBottomCorrection, topBottomCorrectionSamplingRate);
+
+  // Sensor logs are paced at 30 or 15 per second depending on the movie.
+  const int pace = probe.frameRate > 29.0f ? 30 : 15;
+  AccelSensorStreamEmbed sensors;
+  sensors.loadGen2(movie, pace);
+  const auto mode =
+      VideoStabilizationMode::yawMode(static_cast<ExifParser::VIDEO_STABILIZATION>(probe.record.stabilize));
+  // An upside-down camera turns the other way about the vertical axis.
+  yawStabilizer.init(movie, mode, pace, sensors.reversed, probe.cameraVersion);
+
+  movie.find("moov.trak.uuid", [&](MP4::BOX& box) {
+    const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
+    if (uuid == nullptr || box.size < 24 || uuid->usertype != kSphericalVideo) return true;
+    sphericalText = uuid->payloadText();
+    viewHeading.attach(sphericalText);
+    return true;
+  });
+  movie.find("moov.udta.@xyz", [&](MP4::BOX& box) {
+    if (box.size >= 10) movie.readPayload(box, locationText);
+    return true;
+  });
+  bool sized = false;
+  movie.find("moov.trak.tkhd", [&](MP4::BOX& box) {
+    const auto& tkhd = static_cast<MP4::TKHD&>(box);
+    if (sized || tkhd.width == 0 || tkhd.height == 0) return true;
+    frameWidth = tkhd.width;
+    frameHeight = tkhd.height;
+    sized = true;
+    return false;
+  });
+  movie.find("uuid", [&](MP4::BOX& box) {
+    const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
+    if (uuid == nullptr || !uuid->hasChild()) return true;
+    static_cast<MP4::NestedBox&>(box).find("KATR.tkhd", [&](MP4::BOX&) {
+      hasSpatialSound = true;
+      return true;
+    });
+    return true;
+  });
+  movie.find("moov.trak.mdia.minf.stbl.stsd.sowt.SA3D", [&](MP4::BOX&) {
+    hasSA3DSound = true;
+    return true;
+  });
+  movie.find("moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::BOX& box) {
+    static_cast<MP4::AVCC&>(box).get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag,
+                                                                          fullRange);
+    return true;
+  });
+  return ok;
+}

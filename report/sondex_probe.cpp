@@ -1,0 +1,179 @@
+// The movie probe: model, maker note, codec, spherical XML, XMP, frame size
+// and rate, duration and bit rates of one movie.
+#include "report/sondex_probe.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "gltk/console.h"
+#include "gltk/wchar.h"
+#include "mp4/boxes.h"
+#include "report/xml_text.h"
+#include "sensor/yaw_stabilizer.h"
+
+namespace {
+
+// Extended types of the uuid boxes the probe reads.
+constexpr MP4::UUID::Usertype kSphericalVideo = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93,
+                                                 0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
+constexpr MP4::UUID::Usertype kXmp = {0xBE, 0x7A, 0xCF, 0xCB, 0x97, 0xA9, 0x42, 0xE8,
+                                      0x9C, 0x71, 0x99, 0x94, 0x91, 0xE3, 0xAF, 0xAC};
+
+// The uuid box of the given extended type, or null.
+const MP4::UUID* uuidOfType(MP4::BOX& box, const MP4::UUID::Usertype& usertype) {
+  const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
+  if (uuid == nullptr || box.size < 24 || uuid->usertype != usertype) return nullptr;
+  return uuid;
+}
+
+}  // namespace
+
+Sondex::Sondex() : describe(describeMovie) {}
+
+void Sondex::init() {
+  cameraVersion = 0;
+  frameRate = 0;
+  width = height = 0;
+  codec = 0;
+  gyroData = -1;
+  record.clear();
+  sphericalXML.clear();
+  stitchingSoftware.clear();
+  xmpPacket.clear();
+  creatorTool.clear();
+  reserved = 0;
+  duration = audioBitRate = videoBitRate = 0;
+}
+
+bool Sondex::probe(const std::wstring& path) {
+  init();
+  MP4::Container movie;
+  if (movie.attach(path, ~0ULL)) {
+    readModel(movie);
+    readKMKN(movie);
+    readCodec(movie);
+    readSphericalXML(movie);
+    readXMP(movie);
+    detectGyroData(movie);
+    detect_movie(path);
+    detectBitRate(movie);
+  }
+  return width >= 1;
+}
+
+void Sondex::readModel(MP4::Container& movie) {
+  movie.find("moov.udta.@mod", [&](MP4::BOX& box) {
+    if (box.size < 9) return true;
+    std::string text;
+    movie.readPayload(box, text);
+    cameraVersion = MetaBuilder::camera_version(text);
+    GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(text).c_str(), cameraVersion);
+    return true;
+  });
+}
+
+void Sondex::readKMKN(MP4::Container& movie) {
+  bool handled = false;
+  movie.find("moov.udta.KMKN", [&](MP4::BOX& box) {
+    if (box.size < 9) return true;
+    handled = true;
+    std::string payload;
+    movie.readPayload(box, payload);
+    try {
+      ExifParser parser;
+      parser.attachKMKN(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
+      parser.readZERPA(record);
+      GLTK::Console::out(L"source movie panoramaImageType: %d\n", record.projectionType);
+    } catch (const char*) {
+      GLTK::Console::out(L"EXIF can't read.\n");
+    }
+    return true;
+  });
+  if (!handled) GLTK::Console::out(L"KMKN not found.\n");
+}
+
+void Sondex::readCodec(MP4::Container& movie) {
+  codec = 0;
+  movie.find("moov.trak.mdia.minf.stbl.stsd.avc1", [&](MP4::BOX&) {
+    codec = 1;
+    GLTK::Console::out(L"H.264 detected.\n");
+    return true;
+  });
+  movie.find("moov.trak.mdia.minf.stbl.stsd", [&](MP4::BOX& stsd) {
+    for (const MP4::BOX* entry : static_cast<MP4::NestedBox&>(stsd).children) {
+      if (entry->is(MP4::code("hvc1"))) {
+        codec = 2;
+        GLTK::Console::out(L"H.265/HEVC detected(hvc1).\n");
+      } else if (entry->is(MP4::code("hev1"))) {
+        codec = 2;
+        GLTK::Console::out(L"H.265/HEVC detected(hev1).\n");
+      }
+    }
+    return true;
+  });
+  if (codec == 0) GLTK::Console::out(L"Unknown codec.\n");
+}
+
+void Sondex::readSphericalXML(MP4::Container& movie) {
+  movie.find("moov.trak.uuid", [&](MP4::BOX& box) {
+    const MP4::UUID* uuid = uuidOfType(box, kSphericalVideo);
+    if (uuid == nullptr) return true;
+    sphericalXML = uuid->payloadText();
+    stitchingSoftware = captureElement(sphericalXML, "GSpherical:StitchingSoftware");
+    return true;
+  });
+}
+
+void Sondex::readXMP(MP4::Container& movie) {
+  movie.find("uuid", [&](MP4::BOX& box) {
+    const MP4::UUID* uuid = uuidOfType(box, kXmp);
+    if (uuid == nullptr) return true;
+    xmpPacket = uuid->payloadText();
+    creatorTool = captureElement(xmpPacket, "x:CreatorTool");
+    return true;
+  });
+}
+
+void Sondex::detectGyroData(MP4::Container& movie) {
+  // Remembers whether the movie carries a gyro log; the report does not
+  // use it.
+  movie.find("moov.udta.KDTB", [&](MP4::BOX&) {
+    gyroData = 1;
+    return false;
+  });
+}
+
+void Sondex::detect_movie(const std::wstring& path) {
+  MovieDescription description;
+  if (!describe || !describe(path, description)) return;
+  frameRate = description.frameRate;
+  width = static_cast<int32_t>(description.width);
+  height = static_cast<int32_t>(description.height);
+}
+
+void Sondex::detectBitRate(MP4::Container& movie) {
+  movie.find("moov.mvhd", [&](MP4::BOX& box) {
+    duration = static_cast<MP4::MVHD&>(box).duration;
+    return false;
+  });
+  movie.find("moov.trak", [&](MP4::BOX& trak) {
+    auto& track = static_cast<MP4::NestedBox&>(trak);
+    bool video = false;
+    track.find("tkhd", [&](MP4::BOX& box) {
+      video = static_cast<MP4::TKHD&>(box).width >= 1;
+      return false;
+    });
+    track.find("mdia.minf.stbl.stsz", [&](MP4::BOX& box) {
+      const float rate = static_cast<float>(static_cast<MP4::STSZ&>(box).sample_total * 8) / duration;
+      if (video && videoBitRate == 0) {
+        videoBitRate = rate;
+      } else if (audioBitRate == 0) {
+        audioBitRate = rate;
+      } else {
+        GLTK::Console::out(L"3rd(or more) track is found.\n");
+      }
+      return false;
+    });
+    return true;
+  });
+}
