@@ -43,8 +43,11 @@ void applySet1(MetaReader& reader, const wchar_t* path, bool& ok) {
   const bool flag = reader.constrainedSet1Flag;
   const unsigned profile = reader.profileIdc;
   if (profile == 66 && !flag) {
-    (void)path;
-    (void)ok;
+    MP4::Container movie;
+    if (movie.attach(path, ~0ULL) && movie.appendFullRangeAndConstrainedSet1Flag(reader.fullRange)) {
+      GLTK::Console::out(L"set constrained_set1_flag to 1.\n");
+      ok = reader.parse(path);
+    }
     return;
   }
   if (flag) {
