@@ -1,4 +1,5 @@
 // sondex: reports the metadata of 360-degree camera movies and stills.
+#include <csignal>
 #include <cstring>
 
 #include "gltk/console.h"
@@ -7,6 +8,9 @@
 
 int main(int argc, char** argv) {
   GLTK::Console::init_locale();
+  // A write past the file-size limit must fail like any other short write
+  // (so a rewrite can clean up after itself), not kill the process.
+  std::signal(SIGXFSZ, SIG_IGN);
   // Ten wide argument slots; each converted argument lives until the
   // process ends.
   static wchar_t* arguments[10] = {};
