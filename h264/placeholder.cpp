@@ -1,1 +1,0 @@
-// Parameter-set model: filled in by the H.264 work.
