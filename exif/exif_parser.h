@@ -127,4 +127,12 @@ class ExifParser {
   uint32_t affineTable1Length = 0;
   uint32_t affineTable2Offset = 0;
   uint32_t affineTable2Length = 0;
+
+ private:
+  // Looks up tag in the IFD under the cursor and moves cursor and cache to
+  // the directory its value points at; throws missing when absent.
+  void seekByTag(uint16_t tag, uint64_t& cache, const char* missing);
+  // Reads the numerator/denominator pair(s) of an out-of-line rational
+  // value without disturbing the cursor of the enumeration in progress.
+  void readPairs(uint32_t value, uint32_t* words, int n);
 };

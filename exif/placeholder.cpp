@@ -1,1 +1,0 @@
-// The Exif walker: filled in by the Exif work.

@@ -1,0 +1,26 @@
+// Small helpers for driving the Exif walker in tests.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "exif/exif_parser.h"
+#include "tests/support/bytes.h"
+
+namespace sondex::test {
+
+// The message f throws, or "" when it returns normally.
+inline std::string failure(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const char* message) {
+    return message;
+  }
+  return "";
+}
+
+inline void attach(ExifParser& parser, const Bytes& bytes) { parser.attachBytes(bytes.data(), bytes.size()); }
+inline void attachKMKN(ExifParser& parser, const Bytes& bytes) { parser.attachKMKN(bytes.data(), bytes.size()); }
+inline void attachDNG(ExifParser& parser, const Bytes& bytes) { parser.attachDNG(bytes.data(), bytes.size()); }
+
+}  // namespace sondex::test
