@@ -8,7 +8,9 @@
 // (camera upside down, front facing backwards).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <vector>
 
@@ -50,16 +52,36 @@ class AccelSensorStreamEmbed {
     uint64_t t;
   };
 
-  // Byte-order fix-ups for boxes marked 0x3210.
+  // Byte-order fix-ups for boxes marked 0x3210: each value is reversed in
+  // place; reserved words are left alone.
   template <class T>
-  static void swap_xyzt(T& record);
+  static void swap_xyzt(T& record) {
+    reverseBytes(record.x);
+    reverseBytes(record.y);
+    reverseBytes(record.z);
+    reverseBytes(record.t);
+  }
   template <class T>
-  static void swap_wxyzt(T& record);
+  static void swap_wxyzt(T& record) {
+    reverseBytes(record.w);
+    swap_xyzt(record);
+  }
   template <class T>
-  static void swap_KDTI(T& record);
+  static void swap_KDTI(T& record) {
+    reverseBytes(record.yaw);
+    reverseBytes(record.lockDir);
+    reverseBytes(record.yawAlternate);
+    reverseBytes(record.lockDirAlternate);
+    reverseBytes(record.t);
+  }
 
   // The generic loader: the first "moov.udta.<code>" box, checked and read
   // into out. A missing box leaves out empty and samplingRate 0, quietly.
+  // A failed check prints one line and leaves out empty. Only records that
+  // lie wholly inside both the box and the file are kept, so a count that
+  // slips through the 32-bit length check never sizes a buffer beyond the
+  // bytes that are really there. An empty swap with a 0x3210 box that has
+  // records throws std::bad_function_call.
   template <class T>
   static void loadGen2_KDTx(MP4::Container& movie, const char* code, std::vector<T>& out, uint16_t& samplingRate,
                             std::function<void(T&)> swap);
@@ -97,6 +119,15 @@ class AccelSensorStreamEmbed {
   float positiveSum = 0, negativeSum = 0;
   bool frontReversed = false;  // front facing backwards
   float frontSum = 0;
+
+ private:
+  template <class V>
+  static void reverseBytes(V& value) {
+    unsigned char bytes[sizeof(V)];
+    std::memcpy(bytes, &value, sizeof(V));
+    std::reverse(bytes, bytes + sizeof(V));
+    std::memcpy(&value, bytes, sizeof(V));
+  }
 };
 
 static_assert(sizeof(AccelSensorStreamEmbed::Gyro) == 24);

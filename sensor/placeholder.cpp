@@ -1,1 +1,0 @@
-// The sensor loaders: filled in by the sensor work.
