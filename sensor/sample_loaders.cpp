@@ -117,13 +117,14 @@ void AccelSensorStreamEmbed::loadGen2_KDTx(MP4::Container& movie, const char* co
   });
 }
 
-template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Gyro>(
-    MP4::Container&, const char*, std::vector<Gyro>&, uint16_t&, std::function<void(Gyro&)>);
-template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Ecompass>(
-    MP4::Container&, const char*, std::vector<Ecompass>&, uint16_t&, std::function<void(Ecompass&)>);
+template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Gyro>(MP4::Container&, const char*,
+                                                                                  std::vector<Gyro>&, uint16_t&,
+                                                                                  std::function<void(Gyro&)>);
+template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Ecompass>(MP4::Container&, const char*,
+                                                                                      std::vector<Ecompass>&, uint16_t&,
+                                                                                      std::function<void(Ecompass&)>);
 template void AccelSensorStreamEmbed::loadGen2_KDTx<TopBottomCorrection>(MP4::Container&, const char*,
-                                                                         std::vector<TopBottomCorrection>&,
-                                                                         uint16_t&,
+                                                                         std::vector<TopBottomCorrection>&, uint16_t&,
                                                                          std::function<void(TopBottomCorrection&)>);
 template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Quaternion>(
     MP4::Container&, const char*, std::vector<Quaternion>&, uint16_t&, std::function<void(Quaternion&)>);
@@ -136,8 +137,7 @@ void AccelSensorStreamEmbed::loadGen2_KDTB(MP4::Container& movie, std::vector<Gy
   loadGen2_KDTx<Gyro>(movie, "KDTB", out, samplingRate, swap_xyzt<Gyro>);
 }
 
-void AccelSensorStreamEmbed::loadGen2_KDTC(MP4::Container& movie, std::vector<Ecompass>& out,
-                                           uint16_t& samplingRate) {
+void AccelSensorStreamEmbed::loadGen2_KDTC(MP4::Container& movie, std::vector<Ecompass>& out, uint16_t& samplingRate) {
   loadGen2_KDTx<Ecompass>(movie, "KDTC", out, samplingRate, swap_xyzt<Ecompass>);
 }
 
@@ -151,8 +151,7 @@ void AccelSensorStreamEmbed::loadGen2_KDTI(MP4::Container& movie, std::vector<Ya
   loadGen2_KDTx<YawCorrection>(movie, "KDTI", out, samplingRate, swap_KDTI<YawCorrection>);
 }
 
-void AccelSensorStreamEmbed::loadGen3_KDTG(MP4::Container& movie, std::vector<uint64_t>& out,
-                                           uint16_t& samplingRate) {
+void AccelSensorStreamEmbed::loadGen3_KDTG(MP4::Container& movie, std::vector<uint64_t>& out, uint16_t& samplingRate) {
   // No swap routine on purpose: the generation that writes KDTG writes it
   // little-endian only, so a 0x3210 KDTG with records ends the run.
   loadGen2_KDTx<uint64_t>(movie, "KDTG", out, samplingRate, std::function<void(uint64_t&)>());

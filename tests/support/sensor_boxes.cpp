@@ -85,11 +85,11 @@ SensorLog turningCamera(double seconds, double yawRate, double tilt, int gyroHz,
   for (size_t i = 0; i < gravityCount; ++i) {
     const uint64_t t = kStart + i * 1000000000ULL / static_cast<uint64_t>(gravityHz);
     const double heading = yawRate * static_cast<double>(t - kStart) / 1e9;
-    log.gravity.push_back({0, static_cast<int16_t>(std::lround(up[1] * 16384)),
-                           static_cast<int16_t>(std::lround(up[2] * 16384)), 0, t});
+    log.gravity.push_back(
+        {0, static_cast<int16_t>(std::lround(up[1] * 16384)), static_cast<int16_t>(std::lround(up[2] * 16384)), 0, t});
     // A horizontal field that turns against the camera.
-    log.compass.push_back({static_cast<float>(40 * std::cos(heading)), 0, static_cast<float>(40 * std::sin(heading)),
-                           0, t});
+    log.compass.push_back(
+        {static_cast<float>(40 * std::cos(heading)), 0, static_cast<float>(40 * std::sin(heading)), 0, t});
     log.stamps.push_back(t - 5000000);
   }
   return log;
