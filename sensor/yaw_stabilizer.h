@@ -36,16 +36,25 @@ class VideoStabilizationMode {
 
 class YawStabilizer {
  public:
+  // Builds the yaw table: nothing when disabled, the camera's own KDTI
+  // values when present, else integrated from KDTB and KDTD (re-timed on
+  // KDTG when there is one). False, with a line, when there is nothing to
+  // integrate.
   bool init(MP4::Container& movie, VideoStabilizationMode::MODE mode, int frameRate, bool alternate,
             MetaBuilder::CAMERA_VERSION version);
+  // One yaw per gyro sample (radians, relative to the first), resampled
+  // onto the gravity samples; the table starts at 0. Drift is removed
+  // unless lockDir; alternate negates the vertical and the result.
   void generate(const std::vector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
-                const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
-                bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
+                const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir, bool alternate,
+                MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
+  // The same integration walked along the gravity samples (no KDTG). The
+  // frame rate stands in for the gravity rate when KDTD carries none.
   void generate_by_kdtd(const std::vector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
                         const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
                         bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
 
-  std::vector<float> yawTable;   // one value per KDTI record or per gravity sample
-  uint16_t samplingRate = 30;    // the KDTD rate once the gravity log is loaded
+  std::vector<float> yawTable;  // one value per KDTI record or per gravity sample
+  uint16_t samplingRate = 30;   // the KDTD rate once the gravity log is loaded
   float frameRate = 30.0f;
 };
