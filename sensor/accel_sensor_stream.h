@@ -20,7 +20,8 @@
 // One entry of the orientation analysis, one per gravity sample.
 struct TAccelSensorInfo {
   int16_t axis[3] = {0, 0, 0};  // -x, -z, -y of the gravity sample
-  int16_t orientation = 0;      // heading in hundredths of a degree, 0..35999
+  int16_t orientation = 0;      // heading in hundredths of a degree, 0..35999 kept in 16 bits
+                                // (read it unsigned: above 32767 it is negative)
   int32_t auxiliary = 0;
 };
 
@@ -97,7 +98,8 @@ class AccelSensorStreamEmbed {
                                       uint16_t& samplingRate);
 
   // Pairs the gravity and compass samples, computes the headings and runs
-  // both verdicts. False when there are too few compass samples.
+  // both verdicts (each prints its line). False, after a three-line
+  // message, when either log is empty or the compass log is the shorter.
   bool loadGen2(MP4::Container& movie, int divisor);
 
   void calcOrientation(TAccelSensorInfo& entry, const Ecompass& compass);
@@ -105,6 +107,8 @@ class AccelSensorStreamEmbed {
   static void tiltMatrix0WithAxis(const GLTK::Vector3& a, const GLTK::Vector3& b, GLTK::Matrix3x3& m);
   // The gravity vector of sample i (clamped to the table).
   GLTK::Vector3 axis(int i) const;
+  // The upside-down verdict, then the backwards-front verdict (which needs
+  // the first); zero gravity vectors count towards neither.
   void detectReverse();
   void detectReverseFront();
 
