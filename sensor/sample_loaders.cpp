@@ -102,8 +102,8 @@ void AccelSensorStreamEmbed::loadGen2_KDTx(MP4::Container& movie, const char* co
     }
     samplingRate = rate;
 
-    // Only whole records inside both the box and the file are kept; the
-    // rest of a stated count that neither can back is dropped.
+    // Only whole records inside both the box and the file are kept; stated
+    // records that the box or the file cannot back are dropped, not made up.
     const uint64_t first = start + kHeaderSize;
     const uint64_t fileLength = file.length();
     uint64_t count = std::min<uint64_t>(entryCount, (size - kHeaderSize) / recordSize);
