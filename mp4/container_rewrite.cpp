@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "gltk/console.h"
@@ -78,6 +80,24 @@ bool modifyIndex(BinFile& f, Table& table, int64_t delta) {
   }
   f.seek_set(table.entryOffset);
   return writeAll(f, bytes.data(), bytes.size());
+}
+
+// The first sequence parameter set of an avcC record, or an empty span.
+std::pair<const uint8_t*, size_t> firstSps(const uint8_t* record, uint64_t n) {
+  if (n < 8 || (record[5] & 31) == 0) return {nullptr, 0};
+  const size_t length = static_cast<size_t>(record[6]) << 8 | record[7];
+  if (length > n - 8) return {nullptr, 0};
+  return {record + 8, length};
+}
+
+// True when the bytes hold 00 00 0x (x <= 3): an emulation-prevention byte
+// on reading, or a sequence that would need one on writing.
+bool needsEscaping(std::pair<const uint8_t*, size_t> bytes) {
+  const auto [p, n] = bytes;
+  for (size_t i = 0; i + 2 < n; ++i) {
+    if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] <= 3) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -205,17 +225,32 @@ bool Container::modifySTCOIndexImpl(const std::string& prefix, BinFile& f, int64
 bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
   ByteArray newBox;
   AVCC* avcc = nullptr;
+  bool unsafe = false;
   find("moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](BOX& box) {
     avcc = dynamic_cast<AVCC*>(&box);
     newBox.clear();
+    unsafe = false;
     if (avcc == nullptr) return false;
     ByteArray record;
     bool wasFullRange = false;
     bool wasConstrainedSet1 = false;
-    if (avcc->assign_fullRange_and_constrained_set1_flag(record, fullRange, wasFullRange, wasConstrainedSet1)) {
+    bool assigned = false;
+    try {
+      assigned =
+          avcc->assign_fullRange_and_constrained_set1_flag(record, fullRange, wasFullRange, wasConstrainedSet1);
+    } catch (const std::out_of_range&) {
+      assigned = false;  // a record without any SPS: nothing to rewrite
+    }
+    if (assigned) {
       GLTK::Console::out(L"Container::appendFullRangeAndConstrainedSet1Flag: %d - %d, constrained_set1_flag:  %d - 1\n",
                          wasFullRange, fullRange, wasConstrainedSet1);
-      if (wasFullRange != fullRange || !wasConstrainedSet1) {
+      // The SPS is rewritten bit for bit as it stands in the record, with
+      // no emulation-prevention bytes taken out or put in; where the old or
+      // the new SPS holds such a sequence, the new record would not decode
+      // as intended, so the movie is left as it is.
+      unsafe = needsEscaping(firstSps(avcc->payload.data(), avcc->payload.size())) ||
+               needsEscaping(firstSps(record.data(), record.size()));
+      if (!unsafe && (wasFullRange != fullRange || !wasConstrainedSet1)) {
         uint8_t header[8];
         putBE(header, record.size() + 8, 4);
         std::memcpy(header + 4, "avcC", 4);
@@ -227,6 +262,10 @@ bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
     // video tracks the last one visited decides.
     return false;
   });
+  if (unsafe) {
+    GLTK::Console::out(L"Container::appendFullRangeAndConstrainedSet1Flag: emulation prevention in SPS, not rewritten.\n");
+    return false;
+  }
   if (newBox.empty() || avcc == nullptr) return true;
 
   BOX& record = *avcc;

@@ -4,6 +4,7 @@
 #include "report/meta_reader.h"
 
 #include <limits>
+#include <stdexcept>
 
 #include "mp4/avcc.h"
 #include "mp4/boxes.h"
@@ -84,8 +85,12 @@ bool MetaReader::parse(const wchar_t* file) {
     return true;
   });
   movie.find("moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::BOX& box) {
-    static_cast<MP4::AVCC&>(box).get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag,
-                                                                          fullRange);
+    try {
+      static_cast<MP4::AVCC&>(box).get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag,
+                                                                            fullRange);
+    } catch (const std::out_of_range&) {
+      // A record without any SPS: the flags stay unknown.
+    }
     return true;
   });
   return ok;
