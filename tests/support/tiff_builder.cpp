@@ -61,11 +61,6 @@ Ifd& Ifd::raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value) {
   return add({.kind = Entry::kRaw, .tag = tag, .type = type, .count = count, .value = value});
 }
 
-Ifd& Ifd::withType(uint16_t type) {
-  entries_.back().type = type;
-  return *this;
-}
-
 Ifd& Ifd::withCount(uint32_t count) {
   entries_.back().count = count;
   return *this;
@@ -199,11 +194,7 @@ Ifd cameraZepra() {
 }
 
 Ifd cameraMakerNote(const Ifd& zepra) {
-  return Ifd()
-      .ascii(0x0002, "CPU 2.10")
-      .ascii(0x0005, "SN10034567")
-      .shorts(0x1000, {2})
-      .sub(0x4001, zepra);
+  return Ifd().ascii(0x0002, "CPU 2.10").ascii(0x0005, "SN10034567").shorts(0x1000, {2}).sub(0x4001, zepra);
 }
 
 Ifd cameraIfd0(const Ifd& makerNote, const std::string& model, const std::string& software) {
@@ -252,7 +243,8 @@ Bytes jpegWithExif(const Bytes& tiff, const std::vector<Bytes>& segmentsBefore) 
 
 Bytes spliceExif(const Bytes& jpeg, const Bytes& tiff) {
   size_t at = 2;  // after SOI
-  while (at + 4 <= jpeg.size() && jpeg[at] == 0xFF && jpeg[at + 1] == 0xE0) at += 2 + (jpeg[at + 2] << 8 | jpeg[at + 3]);
+  while (at + 4 <= jpeg.size() && jpeg[at] == 0xFF && jpeg[at + 1] == 0xE0)
+    at += 2 + (jpeg[at + 2] << 8 | jpeg[at + 3]);
   Bytes out(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(at));
   const Bytes segment = exifSegment(tiff);
   out.insert(out.end(), segment.begin(), segment.end());

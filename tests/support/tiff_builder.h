@@ -33,7 +33,7 @@ enum TiffType : uint16_t {
 // One directory. Entries are written in the order they are added.
 class Ifd {
  public:
-  Ifd& ascii(uint16_t tag, const std::string& text);  // count includes the zero byte
+  Ifd& ascii(uint16_t tag, const std::string& text);           // count includes the zero byte
   Ifd& bytes(uint16_t tag, uint16_t type, const Bytes& data);  // ASCII/UNDEFINED/BYTE data as is
   Ifd& shorts(uint16_t tag, std::vector<uint16_t> values);
   Ifd& longs(uint16_t tag, std::vector<uint32_t> values);
@@ -51,17 +51,16 @@ class Ifd {
   // Any entry exactly as given: nothing is laid out for it.
   Ifd& raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value);
 
-  // Overwrite the last entry's type or count field (its data stays).
-  Ifd& withType(uint16_t type);
+  // Overwrite the last entry's count field (its data stays).
   Ifd& withCount(uint32_t count);
 
   struct Entry {
     enum Kind { kData, kRaw, kChild, kChildren, kMakerNote, kOffset } kind = kData;
     uint16_t tag = 0;
     uint16_t type = 0;
-    std::optional<uint32_t> count = {};  // default: from the data
-    uint32_t value = 0;                  // kRaw
-    int unit = 1;                        // bytes per data element, swapped by byte order
+    std::optional<uint32_t> count = {};   // default: from the data
+    uint32_t value = 0;                   // kRaw
+    int unit = 1;                         // bytes per data element, swapped by byte order
     std::vector<uint32_t> elements = {};  // kData
     Bytes blob = {};                      // kOffset data, kMakerNote signature
     std::vector<Ifd> children = {};       // kChild, kChildren, kMakerNote
