@@ -1,1 +1,95 @@
-// JPEG and DNG stills: filled in with the Exif work.
+// JPEG and DNG stills: the camera record from the Exif block, and for DNG
+// also where the embedded JPEG preview and the two stitching tables lie.
+#include <cstring>
+#include <memory>
+
+#include "exif/exif_parser.h"
+#include "gltk/console.h"
+#include "gltk/file_io.h"
+#include "gltk/wchar.h"
+#include "report/meta_reader.h"
+
+namespace {
+
+// The camera writes its Exif block at the front; nothing past this is read.
+constexpr uint64_t kJpegHeadBytes = 65536;
+
+// SOI, an APP1 marker with length 0xFFFF and "Exif\0\0": put in front of a
+// DNG so that the walker's JPEG marker walk finds the TIFF header at 12.
+constexpr unsigned char kSyntheticJpegHeader[12] = {0xFF, 0xD8, 0xFF, 0xE1, 0xFF, 0xFF,
+                                                    0x45, 0x78, 0x69, 0x66, 0x00, 0x00};
+
+// A read's result as the system call gave it: all ones on error, 0 at end.
+bool readFailed(uint64_t count) { return static_cast<int64_t>(count) < 1; }
+
+}  // namespace
+
+bool MetaReader::parse_JPEG(const wchar_t* path, bool dump) {
+  this->path = path;
+  stillRecord.clear();
+  bool ok = false;
+  GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
+    auto bytes = std::make_unique_for_overwrite<unsigned char[]>(kJpegHeadBytes);
+    const uint64_t count = file.read(bytes.get(), kJpegHeadBytes);
+    if (readFailed(count)) {
+      GLTK::Console::out(L"FileIO.read(%ls) failed.\n", path);
+      return;
+    }
+    try {
+      ExifParser parser;
+      parser.attachBytes(bytes.get(), count);
+      parser.seekToKORVUMakerNote();
+      parser.readZERPA(stillRecord);
+      ok = true;
+      if (dump) {
+        parser.dumpKMKN();
+        GLTK::Console::out(L"\n");
+      }
+    } catch (const char* message) {
+      GLTK::Console::out(L"ExifParser::attachJPEG() for '%ls' failed - %ls\n", path,
+                         GLTK::wchar::mbs2wcs(message).c_str());
+    }
+  });
+  return ok;
+}
+
+bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
+  this->path = path;
+  stillRecord.clear();
+  previewOffset = previewLength = 0;
+  affineTable1Offset = affineTable1Length = affineTable2Offset = affineTable2Length = 0;
+  bool ok = false;
+  GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
+    const uint64_t length = file.length();
+    const uint64_t headerSize = sizeof kSyntheticJpegHeader;
+    auto bytes = std::make_unique_for_overwrite<unsigned char[]>(length + headerSize);
+    std::memcpy(bytes.get(), kSyntheticJpegHeader, headerSize);
+    const uint64_t count = file.read(bytes.get() + headerSize, length);
+    if (readFailed(count)) {
+      GLTK::Console::out(L"FileIO.read(%ls) failed.\n", path);
+      return;
+    }
+    try {
+      ExifParser parser;
+      parser.attachDNG(bytes.get(), count + headerSize);
+      parser.readZERPA(stillRecord);
+      previewOffset = parser.stripOffset;
+      previewLength = parser.stripByteCount;
+      affineTable1Offset = parser.affineTable1Offset;
+      affineTable1Length = parser.affineTable1Length;
+      affineTable2Offset = parser.affineTable2Offset;
+      affineTable2Length = parser.affineTable2Length;
+      ok = true;
+      if (dump) {
+        parser.dumpKMKN();
+        GLTK::Console::out(L"\n");
+        GLTK::Console::out(L"Table1: %u, %u\n", affineTable1Offset, affineTable1Length);
+        GLTK::Console::out(L"Table2: %u, %u\n", affineTable2Offset, affineTable2Length);
+        GLTK::Console::out(L"\n");
+      }
+    } catch (const char* message) {
+      GLTK::Console::out(L"ExifParser::attachDNG() failed - %ls\n", GLTK::wchar::mbs2wcs(message).c_str());
+    }
+  });
+  return ok;
+}

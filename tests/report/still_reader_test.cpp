@@ -1,0 +1,153 @@
+// The still readers: the camera record of a JPEG (first 64 KiB) and of a
+// DNG (whole file, with its preview and stitching tables), their dumps and
+// failure lines; fixtures checked by exiftool, exiv2 and ffmpeg; real stills
+// of other makers refused.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "exif/exif_parser.h"
+#include "report/meta_reader.h"
+#include "tests/support/files.h"
+#include "tests/support/tiff_builder.h"
+
+namespace {
+
+using namespace sondex::test;
+
+struct Outcome {
+  bool ok;
+  std::string console;
+};
+
+Outcome parse(MetaReader& reader, const std::string& path, bool dump = false) {
+  ConsoleCapture console;
+  const std::wstring wide = widen(path);
+  const bool ok = path.ends_with(".jpg") ? reader.parse_JPEG(wide.c_str(), dump) : reader.parse_DNG(wide.c_str(), dump);
+  return {ok, console.text()};
+}
+
+bool haveTools() { return haveProgram("ffmpeg") && haveProgram("exiftool") && haveProgram("exiv2"); }
+
+Bytes ffmpegJpeg(const TempDir& dir) {
+  run("ffmpeg -v error -y -f lavfi -i testsrc=size=64x32 -frames:v 1 '" + dir.file("plain.jpg") + "'");
+  return readFile(dir.file("plain.jpg"));
+}
+
+TEST(StillReader, JpegReadsQuietlyDumpsOnRequestAndPrintsItsFailures) {
+  TempDir dir;
+  Bytes jpeg = jpegWithExif(TiffBuilder().build(cameraIfd0()));
+  const std::string path = dir.write("still.jpg", jpeg);
+  MetaReader reader;
+  EXPECT_EQ(parse(reader, path).console, "");
+  EXPECT_STREQ(reader.stillRecord.model.c_str(), "KV-360 S1");
+  EXPECT_FLOAT_EQ(reader.stillRecord.yaw, 123.25f);
+  const Outcome dumped = parse(reader, path, true);
+  EXPECT_TRUE(dumped.ok);
+  EXPECT_TRUE(dumped.console.starts_with("\nIFD0 (3)\n")) << dumped.console;
+  EXPECT_TRUE(dumped.console.ends_with("     samplingRate: 29.970030\n\n")) << dumped.console;
+
+  const std::string far = dir.write(  // the Exif block starts near 64 KiB and runs past it
+      "far.jpg", jpegWithExif(TiffBuilder().build(cameraIfd0()), {jpegSegment(0xFFE2, Bytes(65400, 0))}));
+  const std::string empty = dir.write("empty.jpg", {});
+  const std::string missing = dir.file("missing.jpg");
+  for (const auto& [file, line] : std::vector<std::pair<std::string, std::string>>{
+           {far, "ExifParser::attachJPEG() for '" + far + "' failed - Invalid position\n"},
+           {empty, "FileIO.read(" + empty + ") failed.\n"},
+           {missing, "open(" + missing + ", 'r') failed.\n"}}) {
+    const Outcome out = parse(reader, file);
+    EXPECT_FALSE(out.ok);
+    EXPECT_EQ(out.console, line);
+    EXPECT_EQ(reader.stillRecord.cpuVersion, "");
+  }
+
+  // The record reads but the dump runs off the buffer: still a success.
+  ExifParser locate;
+  locate.attachBytes(jpeg.data(), jpeg.size());
+  locate.seekToZEPRA();
+  jpeg[locate.zepraPos] = jpeg[locate.zepraPos + 1] = 0xFF;  // product IFD entry count 65535
+  dir.write("still.jpg", jpeg);
+  const Outcome out = parse(reader, path, true);
+  EXPECT_TRUE(out.ok);
+  EXPECT_TRUE(out.console.ends_with("ExifParser::attachJPEG() for '" + path + "' failed - Invalid position\n"));
+}
+
+TEST(StillReader, DngGivesTheRecordPreviewAndTables) {
+  TempDir dir;
+  const Bytes preview = fromHex("FFD8 FFDB 0004 0000 FFD9");
+  const Bytes tiff = TiffBuilder().build(cameraDngIfd0(previewIfd(preview)));
+  MetaReader reader;
+  const Outcome out = parse(reader, dir.write("still.dng", tiff), true);
+  ASSERT_TRUE(out.ok) << out.console;
+  EXPECT_STREQ(reader.stillRecord.software.c_str(), "KV-360 Ver 1.20");
+  ASSERT_LE(uint64_t{reader.previewOffset} + reader.previewLength, tiff.size());
+  EXPECT_EQ(Bytes(&tiff[reader.previewOffset], &tiff[reader.previewOffset + reader.previewLength]), preview);
+  EXPECT_EQ(tiff[reader.affineTable1Offset] + tiff[reader.affineTable2Offset], 0xA1 + 0xA2);
+  EXPECT_NE(out.console.find("\nSubIFDs[1] (4)\n"), std::string::npos);
+  EXPECT_TRUE(
+      out.console.ends_with("     samplingRate: 29.970030\n\nTable1: " + std::to_string(reader.affineTable1Offset) +
+                            ", 24\nTable2: " + std::to_string(reader.affineTable2Offset) + ", 40\n\n"))
+      << out.console;
+
+  const std::string empty = dir.write("empty.dng", {});
+  EXPECT_EQ(parse(reader, empty).console, "FileIO.read(" + empty + ") failed.\n");
+  EXPECT_EQ(reader.previewOffset + reader.previewLength + reader.affineTable2Offset, 0u);
+}
+
+TEST(StillReader, OtherToolsReadOurFixturesAndTheirImagesDecode) {
+  if (!haveTools()) GTEST_SKIP() << "ffmpeg, exiftool or exiv2 not installed";
+  TempDir dir;
+  const Bytes image = ffmpegJpeg(dir);
+  const std::string jpeg = dir.write("camera.jpg", spliceExif(image, TiffBuilder().build(cameraIfd0())));
+  const std::string dng = dir.write("camera.dng", TiffBuilder().build(cameraDngIfd0(previewIfd(image))));
+  for (const std::string& path : {jpeg, dng}) {
+    EXPECT_EQ(run("exiftool -s -s -s -Model -Software '" + path + "'"), "KV-360 S1\nKV-360 Ver 1.20\n");
+    EXPECT_NE(run("exiftool -s -G -a -u '" + path + "'").find("MakerNote"), std::string::npos);
+    const std::string exiv2 = run("exiv2 -q -Pkv '" + path + "' 2>&1");
+    for (const char* key : {"Exif.Image.Model ", "Exif.Image.Software ", "Exif.Photo.MakerNote "}) {
+      EXPECT_NE(exiv2.find(key), std::string::npos) << key << exiv2;
+    }
+    MetaReader reader;
+    EXPECT_TRUE(parse(reader, path).ok);
+    const Bytes file = readFile(path);
+    if (path == dng)
+      dir.write("preview.jpg", Bytes(&file[reader.previewOffset], &file[reader.previewOffset] + reader.previewLength));
+  }
+  run("ffmpeg -v error -i '" + jpeg + "' -f null -");
+  run("ffmpeg -v error -i '" + dir.file("preview.jpg") + "' -f null -");
+}
+
+TEST(StillReader, StillsFromOtherMakersAreRefused) {
+  const char* source = std::getenv("SONDEX_SOURCE_DIR");
+  if (source == nullptr) GTEST_SKIP() << "SONDEX_SOURCE_DIR not set";
+  const std::string dir = std::string(source) + "/tests/data/realworld/";
+  const std::string jpegLine = "ExifParser::attachJPEG() for '" + dir;
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"Canon.jpg", jpegLine + "Canon.jpg' failed - Not a KORVU image.\n"},
+      {"Nikon.jpg", jpegLine + "Nikon.jpg' failed - Not a KORVU image.\n"},
+      {"GPS.jpg", jpegLine + "GPS.jpg' failed - MakerNote-IFD(0x927C) not found.\n"},
+      {"Writer.jpg", jpegLine + "Writer.jpg' failed - Invalid SOS(0xFFDA) found.\n"},
+      {"DNG.dng", "ExifParser::attachDNG() failed - MakerNote-IFD(0x927C) not found.\n"},
+      {"Nikon.nef", "ExifParser::attachDNG() failed - Not a KORVU image.\n"},
+      {"CanonRaw.cr2", "ExifParser::attachDNG() failed - Invalid position\n"},
+  };
+  for (const auto& [name, line] : cases) {
+    MetaReader reader;
+    const Outcome out = parse(reader, dir + name, true);
+    EXPECT_FALSE(out.ok) << name;
+    EXPECT_EQ(out.console, line);
+  }
+
+  // A still that ffmpeg wrote and exiftool tagged, step by step.
+  if (!haveTools()) GTEST_SKIP() << "ffmpeg, exiftool or exiv2 not installed";
+  TempDir temp;
+  const std::string path = temp.write("other.jpg", ffmpegJpeg(temp));
+  const std::string line = "ExifParser::attachJPEG() for '" + path + "' failed - ";
+  MetaReader reader;
+  run("exiftool -q -overwrite_original -Model='Other Cam' -Software='Other 1.0' '" + path + "'");
+  EXPECT_EQ(parse(reader, path).console, line + "EXIF-IFD(0x8769) not found.\n");
+  run("exiftool -q -overwrite_original -ExposureTime=0.01 '" + path + "'");
+  EXPECT_EQ(parse(reader, path).console, line + "MakerNote-IFD(0x927C) not found.\n");
+}
+
+}  // namespace
