@@ -274,6 +274,7 @@ uint16_t ExifParser::toUINT16(uint32_t value) const {
 void ExifParser::toString(uint16_t type, uint32_t count, uint32_t value, std::string& out) const {
   if ((type != 2 && type != kTypeUndefined) || count < 5) throw "Invalid Type: ASCII[>4] or UNDEF[>4] required.";
   const uint64_t pos = value + tiffBase;
+  // A string running past the buffer is refused like any other read.
   if (count > bufferSize || pos > bufferSize - count) throw "Invalid position";
   out.assign(reinterpret_cast<const char*>(buffer + pos), count);
 }
