@@ -11,6 +11,10 @@ namespace sondex::test {
 
 using Bytes = std::vector<uint8_t>;
 
+// Byte orders of the builders (a sensor box marked 0x3210 is big-endian).
+inline constexpr bool kBigEndian = true;
+inline constexpr bool kLittleEndian = false;
+
 class ByteWriter {
  public:
   explicit ByteWriter(bool bigEndian = true) : bigEndian_(bigEndian) {}

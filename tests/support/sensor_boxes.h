@@ -24,7 +24,6 @@ using Gravity = AccelSensorStreamEmbed::TopBottomCorrection;
 using Orientation = AccelSensorStreamEmbed::Quaternion;
 using YawCorrection = AccelSensorStreamEmbed::YawCorrection;
 
-constexpr bool kBigEndian = true;  // the 0x3210 layout
 
 class SampleBox {
  public:

@@ -17,8 +17,6 @@
 
 namespace sondex::test {
 
-constexpr bool kBigEndian = true;
-constexpr bool kLittleEndian = false;
 
 enum TiffType : uint16_t {
   kByte = 1,

@@ -1,0 +1,39 @@
+// Camera-like movies: the boxes the camera writes, injected into a real
+// movie made by ffmpeg. The maker note, sensor logs, model and location go
+// into moov.udta, the spherical-video XML into the video track, the XMP
+// packet after the movie box; box sizes and, when the media data follows
+// the movie box, chunk offsets are fixed up.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/support/bytes.h"
+
+namespace sondex::test {
+
+struct CameraBoxes {
+  std::string model;         // "@mod" text (empty: no box)
+  Bytes makerNote;           // KMKN payload (empty: no box)
+  std::vector<Bytes> udta;   // further user-data boxes, whole (sensor logs...)
+  std::string location;      // "@xyz" payload (empty: no box)
+  std::string sphericalXml;  // spherical-video uuid payload in the video track
+  std::string xmp;           // XMP uuid payload at the top level
+};
+
+// The extended types of the two uuid boxes.
+Bytes sphericalUsertype();
+Bytes xmpUsertype();
+
+// A spherical-video XML with the given stitching software and initial view.
+std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov);
+std::string xmpText(const std::string& creatorTool);
+
+// The movie with the camera's boxes added.
+Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes);
+
+// Makes a movie with ffmpeg (lavfi test source; extra options such as the
+// codec are passed through) and returns its bytes.
+Bytes ffmpegMovie(const std::string& options, double seconds = 1.0);
+
+}  // namespace sondex::test
