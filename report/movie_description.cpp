@@ -41,8 +41,11 @@ struct PacketCloser {
 bool describeMovie(const std::wstring& path, MovieDescription& out) {
   silence();
   const std::string name = GLTK::wchar::wcs2mbs(path);
+  // Only the MP4/QuickTime family counts as a movie: left to probe the
+  // content, libavformat would describe a JPEG still as a one-frame video.
+  static const AVInputFormat* const kMp4 = av_find_input_format("mp4");
   AVFormatContext* opened = nullptr;
-  if (avformat_open_input(&opened, name.c_str(), nullptr, nullptr) < 0) return false;
+  if (avformat_open_input(&opened, name.c_str(), kMp4, nullptr) < 0) return false;
   std::unique_ptr<AVFormatContext, FormatCloser> format(opened);
 
   int index = -1;

@@ -53,6 +53,9 @@ TEST_F(MovieDescriptionTest, MoviesThatCannotBeDecoded) {
   const std::string audio = make("a.mp4", "-f lavfi -i sine=frequency=440 -t 1 -c:a aac");
   EXPECT_FALSE(describeMovie(widen(audio), d));
   EXPECT_FALSE(describeMovie(widen(dir_.write("text.mp4", {'h', 'e', 'l', 'l', 'o'})), d));
+  // Stills and other containers are not movies of this program's kind.
+  EXPECT_FALSE(describeMovie(widen(make("still.jpg", "-f lavfi -i testsrc=size=64x32 -frames:v 1")), d));
+  EXPECT_FALSE(describeMovie(widen(make("other.mkv", "-f lavfi -i testsrc=size=64x32 -t 1 -c:v libx264")), d));
   EXPECT_FALSE(describeMovie(widen(dir_.file("missing.mp4")), d));
 
   // A skeleton: a movie cut right after its movie box, so that its sample
