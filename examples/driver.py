@@ -1,0 +1,291 @@
+#!/usr/bin/env python3
+"""Drive sondex's request stream the way a desktop application would.
+
+One long-lived sondex process answers every file: the driver writes one
+request line, reads standard output up to that request's "result: " line,
+and only then writes the next request. Movies are asked for their three
+sensor dump files (gravity with yaw, gyro, e-compass). At the end a summary
+table is printed, one row per file.
+
+    python3 examples/driver.py [--sondex PROGRAM] [--dumps FOLDER] [-v] PATH...
+
+A PATH that is a folder is searched for .mp4, .jpg, .jpeg and .dng files.
+Uses the Python standard library only.
+"""
+
+import argparse
+import json
+import os
+import re
+import secrets
+import shutil
+import subprocess
+import sys
+import tempfile
+
+RESULT = b"result: "
+STILL_SUFFIXES = (".jpg", ".jpeg", ".dng")
+MOVIE_SUFFIXES = (".mp4",)
+# One request line holds at most this many characters before its newline;
+# a longer one would be read as two requests and answered twice.
+MAX_LINE = 4095
+DUMP_KINDS = ("gravity", "gyro", "compass")
+
+
+def default_program():
+    built = os.path.join("build", "cli", "sondex")
+    return built if os.access(built, os.X_OK) else "sondex"
+
+
+def kind_of(path):
+    """Which reader sondex picks for a path: by its ending, any case."""
+    lower = path.lower()
+    if len(path) >= 5 and lower.endswith((".dng", ".jpg")):
+        return "still"
+    if len(path) >= 6 and lower.endswith(".jpeg"):
+        return "still"
+    return "movie"
+
+
+def request_line(fields):
+    """The request line for the fields (source path, then dump paths), or
+    None with the reason when the protocol cannot carry them."""
+    for field in fields:
+        if field == "":
+            return None, "empty field"
+        if any(c in field for c in "\t\r\n"):
+            return None, "tab, carriage return or line feed in the path"
+        try:
+            field.encode("utf-8")
+        except UnicodeEncodeError:
+            return None, "path is not valid UTF-8"
+    line = "\t".join(fields)
+    if len(line) > MAX_LINE:
+        return None, "request line longer than %d characters" % MAX_LINE
+    return line, None
+
+
+# The report is one-line JSON, but texts are blanked rather than escaped and
+# a damaged movie header prints the C library's inf and nan. Both are
+# repaired here so that such a line still yields its other values.
+_NON_NUMBER = re.compile(r':(-?(?:inf|nan))(?=[,}])')
+
+
+def parse_result(text):
+    """Parse the JSON behind "result: ". Returns (object, repaired)."""
+    try:
+        return json.loads(text), False
+    except json.JSONDecodeError:
+        pass
+    fixed = _NON_NUMBER.sub(":null", text)
+    # Every backslash is the program's own text: double it, so that a text
+    # ending in a backslash no longer swallows its closing quote.
+    fixed = fixed.replace("\\", "\\\\")
+    try:
+        return json.loads(fixed), True
+    except json.JSONDecodeError:
+        return None, True
+
+
+class Sondex:
+    """One sondex process in request-stream mode."""
+
+    def __init__(self, program, fence_dir):
+        self.program = program
+        self.fence_dir = fence_dir
+        self.process = None
+
+    def start(self):
+        self.process = subprocess.Popen(
+            [self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0
+        )
+
+    def _send(self, line):
+        try:
+            self.process.stdin.write(line.encode("utf-8") + b"\n")
+            self.process.stdin.flush()
+        except BrokenPipeError:
+            pass
+
+    def _read_line(self):
+        # Lines end with a line feed only: a carriage return inside a
+        # message is part of that message.
+        raw = self.process.stdout.readline()
+        if not raw:
+            status = self.process.wait()
+            self.process = None
+            how = "killed by signal %d" % -status if status < 0 else "exit status %d" % status
+            raise EOFError("sondex ended (%s)" % how)
+        return raw.rstrip(b"\n")
+
+    def ask(self, line):
+        """Send one request; return (result text or None, console lines).
+
+        Console messages can quote text taken from the file (a movie's model
+        name), so a file can make a message line that starts with "result: ".
+        The genuine result line is the last one the request prints. To know
+        where a request's output ends, a fence follows each request: a
+        request for a still that does not exist, under a random name, which
+        is answered with exactly two lines, its open failure and a failed
+        result. None means the process ended without answering; a new one
+        is started for the next request."""
+        if self.process is None:
+            self.start()
+        messages = []
+        result = None
+        try:
+            self._send(line)
+            while result is None:  # up to the first result line
+                raw = self._read_line()
+                if raw.startswith(RESULT):
+                    result = raw[len(RESULT):]
+                else:
+                    messages.append(raw)
+            fence = os.path.join(self.fence_dir, "fence-%s.jpg" % secrets.token_hex(8))
+            self._send(fence)
+            fence_message = ("open(%s, 'r') failed." % fence).encode("utf-8")
+            while True:  # up to the fence's message; later result lines win
+                raw = self._read_line()
+                if raw == fence_message:
+                    break
+                if raw.startswith(RESULT):
+                    messages.append(RESULT + result)
+                    result = raw[len(RESULT):]
+                else:
+                    messages.append(raw)
+            self._read_line()  # the fence's own failed result
+        except EOFError as end:
+            messages.append(str(end).encode("utf-8"))
+            result = None
+        return (
+            None if result is None else result.decode("utf-8", "replace"),
+            [m.decode("utf-8", "replace") for m in messages],
+        )
+
+    def close(self):
+        """End the stream; sondex exits with status 0 at end of input."""
+        if self.process is None:
+            return 0
+        self.process.stdin.close()
+        status = self.process.wait()
+        self.process = None
+        return status
+
+
+def collect(paths):
+    files = []
+    for path in paths:
+        if os.path.isdir(path):
+            for root, dirs, names in os.walk(path):
+                dirs.sort()
+                for name in sorted(names):
+                    if name.lower().endswith(STILL_SUFFIXES + MOVIE_SUFFIXES):
+                        files.append(os.path.join(root, name))
+        else:
+            files.append(path)
+    return files
+
+
+def count_samples(path):
+    """Objects in a dump file; an empty stream is the lone "["."""
+    try:
+        with open(path, "rb") as f:
+            data = f.read()
+    except OSError:
+        return None
+    if data.strip() == b"[":
+        return 0
+    return len(json.loads(data))
+
+
+def shown(path):
+    """A path as the table shows it: undecodable bytes and line-breaking
+    characters escaped."""
+    text = os.fsencode(path).decode("utf-8", "backslashreplace")
+    return text.translate({9: "\\t", 10: "\\n", 13: "\\r"})
+
+
+def describe(result, kind, counts):
+    if kind == "still":
+        angles = ["%s %g" % (k, result[k]) for k in ("yaw", "pitch", "roll") if k in result]
+        detail = result.get("type", "") + ("  " + " ".join(angles) if angles else "")
+        if "jpeg" in result:
+            detail += "  preview %d bytes" % result["jpeg"]["bytes"]
+        return detail
+    duration = result.get("duration")
+    parts = [
+        result.get("codec", "?"),
+        result.get("type", "?"),
+        "?" if duration is None else "%.2f s" % duration,
+    ]
+    if "frameWidth" in result and "frameHeight" in result:
+        parts.append("%dx%d" % (result["frameWidth"], result["frameHeight"]))
+    parts.append("samples %s" % "/".join("-" if c is None else str(c) for c in counts))
+    return "  ".join(parts)
+
+
+def main(argv):
+    parser = argparse.ArgumentParser(description="Probe files through one sondex process.")
+    parser.add_argument("paths", nargs="+", metavar="PATH", help="files or folders")
+    parser.add_argument("--sondex", default=default_program(), help="the sondex program")
+    parser.add_argument("--dumps", help="keep the sensor dump files in this folder")
+    parser.add_argument("-v", "--verbose", action="store_true", help="show console messages")
+    args = parser.parse_args(argv)
+
+    dump_dir = args.dumps or tempfile.mkdtemp(prefix="sondex-dumps-")
+    os.makedirs(dump_dir, exist_ok=True)
+    sondex = Sondex(args.sondex, dump_dir)
+    rows = []
+    try:
+        for index, path in enumerate(collect(args.paths)):
+            kind = kind_of(path)
+            fields = [path]
+            dumps = []
+            if kind == "movie":
+                stem = "%03d-%s" % (index, os.path.basename(path))
+                dumps = [os.path.join(dump_dir, "%s.%s.json" % (stem, k)) for k in DUMP_KINDS]
+                fields += dumps
+            line, reason = request_line(fields)
+            if line is None:
+                rows.append((path, kind, "skipped", "", reason))
+                continue
+            text, messages = sondex.ask(line)
+            if args.verbose:
+                for message in messages:
+                    print("  %s: %s" % (path, message), file=sys.stderr)
+            if text is None:
+                rows.append((path, kind, "no answer", "", messages[-1]))
+                continue
+            result, repaired = parse_result(text)
+            if result is None:
+                rows.append((path, kind, "unreadable", "", text))
+                continue
+            status = result.get("status", "?")
+            if status != "succeed":
+                rows.append((path, kind, status, "", messages[-1] if messages else ""))
+                continue
+            counts = [count_samples(d) for d in dumps]
+            detail = describe(result, kind, counts)
+            if repaired:
+                detail += "  (repaired)"
+            rows.append((path, kind, status, result.get("model", ""), detail))
+        exit_status = sondex.close()
+    finally:
+        if sondex.process is not None:
+            sondex.process.kill()
+        if not args.dumps:
+            shutil.rmtree(dump_dir, ignore_errors=True)
+
+    rows = [(shown(row[0]),) + row[1:] for row in rows]
+    header = ("file", "kind", "status", "model", "details")
+    widths = [max(len(str(row[i])) for row in rows + [header]) for i in range(4)]
+    for row in [header] + rows:
+        cells = [str(cell).ljust(width) for cell, width in zip(row, widths)]
+        print("  ".join(cells + [str(row[4])]).rstrip())
+    answered = sum(1 for row in rows if row[2] == "succeed")
+    print("%d files, %d read, %d not; sondex exit status %d" % (len(rows), answered, len(rows) - answered, exit_status))
+    return 0 if exit_status == 0 else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
