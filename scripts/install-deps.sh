@@ -12,6 +12,8 @@ packages=(
   libgtest-dev libgmock-dev ffmpeg libimage-exiftool-perl exiv2 python3
   # benchmarks and fuzzing
   libbenchmark-dev clang libclang-rt-14-dev
+  # documentation checks, the sensor plot and the Debian package
+  groff-base gnuplot-nox dpkg-dev
 )
 
 missing=()

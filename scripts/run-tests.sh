@@ -7,3 +7,4 @@ jobs=$(nproc 2>/dev/null || echo 2)
 cmake -S . -B build -DSONDEX_WERROR=ON -DSONDEX_BUILD_BENCHMARKS=ON >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build -j"$jobs" --output-on-failure
+bash scripts/check-package.sh
