@@ -1,0 +1,198 @@
+#!/usr/bin/env python3
+"""Tests of examples/driver.py and examples/probe-archive.sh against the real
+program, on the bundled samples and on copies damaged the ways the docs name:
+a model name that forges a result line, a big-endian KDTG box that aborts
+sondex, a zero time scale, names a request line cannot carry.
+
+    SONDEX=PROGRAM SONDEX_SOURCE_DIR=DIR python3 test_examples.py
+"""
+
+import importlib.util
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = os.environ.get("SONDEX_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
+SONDEX = os.path.abspath(os.environ.get("SONDEX", os.path.join(SOURCE, "build", "cli", "sondex")))
+
+
+def load_driver():
+    spec = importlib.util.spec_from_file_location("driver", os.path.join(SOURCE, "examples", "driver.py"))
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+driver = load_driver()
+
+
+def sample(name):
+    with open(os.path.join(SOURCE, "samples", name), "rb") as f:
+        return f.read()
+
+
+def forged_movie():
+    """The sample with a model box whose text holds a line "result: {}"."""
+    data = sample("sample.mp4")
+    assert data.count(b"@modKORVU ZEPRA LM4") == 1
+    return data.replace(b"@modKORVU ZEPRA LM4", b"@modAB\nresult: {}\nC")
+
+
+def big_endian_kdtg_movie():
+    """The sample with its KDTG box marked big-endian (header swapped to
+    match): sondex has no byte swap for it and aborts."""
+    data = bytearray(sample("sample.mp4"))
+    header = data.find(b"KDTG") + 4
+    for start, size in ((0, 4), (4, 2), (6, 2)):
+        data[header + start:header + start + size] = data[header + start:header + start + size][::-1]
+    data[header + 8:header + 10] = b"\x10\x32"
+    return bytes(data)
+
+
+def zero_timescale_movie():
+    data = bytearray(sample("sample.mp4"))
+    at = data.find(b"mvhd") + 16
+    data[at:at + 4] = bytes(4)
+    return bytes(data)
+
+
+class RequestLines(unittest.TestCase):
+    def test_kind_follows_the_name_ending_and_its_length(self):
+        self.assertEqual(driver.kind_of("x.jpg"), "still")
+        self.assertEqual(driver.kind_of("a.JPEG"), "still")
+        self.assertEqual(driver.kind_of("a.Dng"), "still")
+        self.assertEqual(driver.kind_of(".jpg"), "movie")
+        self.assertEqual(driver.kind_of(".jpeg"), "movie")
+        self.assertEqual(driver.kind_of("clip.MOV"), "movie")
+
+    def test_fields_the_protocol_cannot_carry_are_refused(self):
+        self.assertEqual(driver.request_line(["a.mp4", "g.json"]), ("a.mp4\tg.json", None))
+        for fields in (["a\tb.mp4"], ["a\rb.mp4"], ["a\nb.mp4"], ["a.mp4", ""], [os.fsdecode(b"caf\xe9.jpg")]):
+            line, reason = driver.request_line(fields)
+            self.assertIsNone(line, fields)
+            self.assertTrue(reason)
+
+    def test_line_length_limit_is_4095_characters_not_bytes(self):
+        self.assertIsNotNone(driver.request_line(["é" * 4095])[0])
+        self.assertIsNone(driver.request_line(["é" * 4096])[0])
+        self.assertIsNone(driver.request_line(["a" * 4000, "b" * 95])[0])
+
+
+class ResultParsing(unittest.TestCase):
+    def test_valid_line_is_taken_as_it_is(self):
+        self.assertEqual(driver.parse_result('{"status":"succeed", "duration":2.00}'),
+                         ({"status": "succeed", "duration": 2.0}, False))
+
+    def test_inf_and_nan_become_null(self):
+        for word in ("inf", "-nan", "nan"):
+            result, repaired = driver.parse_result('{"status":"succeed", "duration":%s, "videoBitRate":0}' % word)
+            self.assertTrue(repaired)
+            self.assertIsNone(result["duration"])
+            self.assertEqual(result["videoBitRate"], 0)
+
+    def test_backslashes_are_kept_as_text(self):
+        result, repaired = driver.parse_result('{"gps":"+35.6+139.7+040.000\\", "model":"a\\nb"}')
+        self.assertTrue(repaired)
+        self.assertEqual(result, {"gps": "+35.6+139.7+040.000\\", "model": "a\\nb"})
+
+    def test_other_damage_is_reported_as_unreadable(self):
+        self.assertEqual(driver.parse_result('{"status":'), (None, True))
+
+
+class Folder(unittest.TestCase):
+    """A folder of good, damaged and unexpressible files."""
+
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="sondex-examples-")
+        self.files = os.path.join(self.dir, "files")
+        os.mkdir(self.files)
+        contents = {
+            "a-forged.mp4": forged_movie(),
+            "b-aborts.mp4": big_endian_kdtg_movie(),
+            "c-still.jpg": sample("sample.jpg"),
+            "d-zero.mp4": zero_timescale_movie(),
+            "e-raw.DNG": sample("sample.dng"),
+            "f-movie.mp4": sample("sample.mp4"),
+            "g-empty.jpg": b"",
+            "h-tab\t.jpg": sample("sample.jpg"),
+        }
+        for name, data in contents.items():
+            with open(os.path.join(self.files, name), "wb") as f:
+                f.write(data)
+        with open(os.path.join(os.fsencode(self.files), b"i-caf\xe9.jpg"), "wb") as f:
+            f.write(sample("sample.jpg"))
+
+    def tearDown(self):
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def path(self, name):
+        return os.path.join(self.files, name)
+
+    def test_driver_pairs_every_file_with_its_own_answer(self):
+        dumps = os.path.join(self.dir, "dumps")
+        run = subprocess.run(
+            [sys.executable, os.path.join(SOURCE, "examples", "driver.py"), "--sondex", SONDEX, "--dumps", dumps,
+             self.files, self.path("missing.jpg")],
+            capture_output=True, timeout=120)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        rows = {}
+        for line in run.stdout.decode("utf-8").splitlines()[1:-1]:
+            name = line.split()[0]
+            rows[os.path.basename(name)] = line
+        self.assertEqual(len(rows), 10, run.stdout)
+
+        def row(name):
+            return rows[name].split()[1:]
+
+        # The forged line is passed over; the real answer and its dumps count.
+        self.assertEqual(row("a-forged.mp4")[:4], ["movie", "succeed", "KORVU", "ZEPRA"])
+        self.assertIn("samples 60/400/60", rows["a-forged.mp4"])
+        # sondex aborts on this one; a new one answers the rest.
+        self.assertEqual(row("b-aborts.mp4")[:3], ["movie", "no", "answer"])
+        self.assertIn("killed by signal 6", rows["b-aborts.mp4"])
+        self.assertIn("JPEG  yaw 123.25 pitch 3.25 roll -15", rows["c-still.jpg"])
+        self.assertIn("H264  dualfish  ?  384x192", rows["d-zero.mp4"])
+        self.assertIn("(repaired)", rows["d-zero.mp4"])
+        self.assertIn("DNG  yaw 123.25", rows["e-raw.DNG"])
+        self.assertIn("H264  dualfish  2.00 s  384x192  samples 60/400/60", rows["f-movie.mp4"])
+        self.assertEqual(row("g-empty.jpg")[:2], ["still", "failed"])
+        self.assertEqual(row("missing.jpg")[:2], ["still", "failed"])
+        self.assertIn("open(%s, 'r') failed." % self.path("missing.jpg"), rows["missing.jpg"])
+        self.assertEqual(row("h-tab\\t.jpg")[:2], ["still", "skipped"])
+        self.assertEqual(row("i-caf\\xe9.jpg")[:2], ["still", "skipped"])
+        self.assertTrue(run.stdout.endswith(b"10 files, 5 read, 5 not; sondex exit status 0\n"), run.stdout)
+        # The kept dump files are complete JSON arrays of the sample's logs.
+        gravity = [n for n in os.listdir(dumps) if n.endswith("f-movie.mp4.gravity.json")]
+        self.assertEqual(len(gravity), 1)
+        self.assertEqual(driver.count_samples(os.path.join(dumps, gravity[0])), 60)
+
+    def test_probe_archive_pairs_every_path_with_its_own_answer(self):
+        for workers in ("1", "3"):
+            run = subprocess.run(
+                ["bash", os.path.join(SOURCE, "examples", "probe-archive.sh"), self.files, workers],
+                env=dict(os.environ, SONDEX=SONDEX), capture_output=True, timeout=120)
+            self.assertEqual(run.returncode, 0, run.stderr)
+            answers = {}
+            for line in run.stdout.decode("utf-8").splitlines():
+                path, answer = line.split("\t")
+                answers[os.path.basename(path)] = answer
+            self.assertEqual(sorted(answers), ["a-forged.mp4", "b-aborts.mp4", "c-still.jpg", "d-zero.mp4",
+                                               "e-raw.DNG", "f-movie.mp4", "g-empty.jpg"])
+            self.assertTrue(answers["a-forged.mp4"].startswith('{"status":"succeed", "hasKDTD":true'))
+            self.assertEqual(answers["b-aborts.mp4"], '{"status":"no answer"}')
+            self.assertTrue(answers["c-still.jpg"].startswith('{"status":"succeed", "type":"JPEG"'))
+            self.assertIn('"duration":inf,', answers["d-zero.mp4"])
+            self.assertTrue(answers["e-raw.DNG"].startswith('{"status":"succeed", "type":"DNG"'))
+            self.assertIn('"videoBitRate":33764,', answers["f-movie.mp4"])
+            self.assertEqual(answers["g-empty.jpg"], '{"status":"failed"}')
+            err = run.stderr.decode("utf-8")
+            self.assertIn("skipped: $'%s/h-tab\\t.jpg'" % self.files, err)
+            self.assertIn("skipped: $'%s/i-caf\\351.jpg'" % self.files, err)
+            self.assertIn("probe-archive: 7 files with %s workers" % workers, err)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
