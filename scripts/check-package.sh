@@ -31,8 +31,9 @@ depends=$(dpkg-deb -f "$deb" Depends)
 for lib in libavformat libavcodec libavutil libstdc++6 libc6; do
   [[ $depends == *"$lib"* ]] || fail "Depends lacks $lib: $depends"
 done
-dpkg-deb -c "$deb" | grep -q ' ./usr/bin/sondex$' || fail "the package holds no /usr/bin/sondex"
-dpkg-deb -c "$deb" | grep -q ' ./usr/share/man/man1/sondex.1.gz$' || fail "the package holds no manual page"
+contents=$(dpkg-deb -c "$deb")
+grep ' ./usr/bin/sondex$' <<< "$contents" > /dev/null || fail "the package holds no /usr/bin/sondex"
+grep ' ./usr/share/man/man1/sondex.1.gz$' <<< "$contents" > /dev/null || fail "the package holds no manual page"
 
 SUDO=
 if [ "$(id -u)" -ne 0 ]; then
