@@ -96,7 +96,7 @@ bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kd
 
   if (kdtdPath != nullptr && ok) {
     size_t next = 0;
-    const std::vector<float>& yaw = reader->yawStabilizer.yawTable;
+    const std::vector<float>& yaw = reader->yawStabilizer.table();
     ok = reader->dumpXYZT(reader->topBottomCorrection, kdtdPath, [&](std::ostream& out) {
       if (next < yaw.size()) out << ",\"yaw\":" << yaw[next++];
     });

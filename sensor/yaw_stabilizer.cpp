@@ -130,6 +130,7 @@ class YawIntegrator {
 bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mode, int frameRateArg, bool alternate,
                          MetaBuilder::CAMERA_VERSION version) {
   yawTable.clear();
+  pending_.reset();
   samplingRate = 30;
   frameRate = 30.0f;
   if (mode == VideoStabilizationMode::DISABLED) return true;
@@ -162,15 +163,32 @@ bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mod
     Console::out(L"No metadata for yaw-stabilizer.\n");
     return false;
   }
-  const bool lockDir = mode == VideoStabilizationMode::LOCK_DIR;
-  const auto rate = static_cast<unsigned long>(frameRateArg);
-  if (stamps.empty()) {
-    generate_by_kdtd(gyro, 0, gravity, lockDir, alternate, version, rate);
-  } else {
-    generate(gyro, gyroRate, gravity, lockDir, alternate, version, rate);
-  }
+  // Without KDTG the integration walks the gravity samples, with no gyro
+  // rate for the drift filter; it runs when the table is first used.
+  const bool byGravity = stamps.empty();
+  pending_ = Integration{std::move(gyro),
+                         std::move(gravity),
+                         static_cast<unsigned short>(byGravity ? 0 : gyroRate),
+                         byGravity,
+                         mode == VideoStabilizationMode::LOCK_DIR,
+                         alternate,
+                         version,
+                         static_cast<unsigned long>(frameRateArg)};
   frameRate = static_cast<float>(frameRateArg);
   return true;
+}
+
+const std::vector<float>& YawStabilizer::table() {
+  if (pending_) {
+    const Integration run = std::move(*pending_);
+    pending_.reset();
+    if (run.byGravity) {
+      generate_by_kdtd(run.gyro, run.gyroRate, run.gravity, run.lockDir, run.alternate, run.version, run.frameRate);
+    } else {
+      generate(run.gyro, run.gyroRate, run.gravity, run.lockDir, run.alternate, run.version, run.frameRate);
+    }
+  }
+  return yawTable;
 }
 
 void YawStabilizer::generate(const std::vector<Gyro>& gyro, unsigned short gyroRate,

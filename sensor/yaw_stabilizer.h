@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,7 +55,25 @@ class YawStabilizer {
                         const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
                         bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
 
+  // The yaw table. An integration that init prepared runs here, on first
+  // use: only the gravity dump needs the table, and integrating an hour of
+  // gyro samples is the costliest step of reading a movie.
+  const std::vector<float>& table();
+
   std::vector<float> yawTable;  // one value per KDTI record or per gravity sample
   uint16_t samplingRate = 30;   // the KDTD rate once the gravity log is loaded
   float frameRate = 30.0f;
+
+ private:
+  struct Integration {
+    std::vector<AccelSensorStreamEmbed::Gyro> gyro;
+    std::vector<AccelSensorStreamEmbed::TopBottomCorrection> gravity;
+    unsigned short gyroRate;
+    bool byGravity;  // no KDTG: walk the gravity samples
+    bool lockDir;
+    bool alternate;
+    MetaBuilder::CAMERA_VERSION version;
+    unsigned long frameRate;
+  };
+  std::optional<Integration> pending_;
 };

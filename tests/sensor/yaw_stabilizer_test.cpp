@@ -34,7 +34,7 @@ TEST(YawStabilizer, KDTIValuesAreChosenByModeAndSignAndDisabledReadsNothing) {
   for (const bool alternate : {false, true}) {
     for (const Mode::MODE mode : {Mode::ENABLED, Mode::LOCK_DIR}) {
       ASSERT_TRUE(yaw.init(*movie, mode, 15, alternate, 0));
-      EXPECT_EQ(yaw.yawTable, std::vector<float>{expected++});
+      EXPECT_EQ(yaw.table(), std::vector<float>{expected++});
       EXPECT_EQ(yaw.frameRate, 15.0f);
     }
   }
@@ -56,8 +56,8 @@ std::vector<float> yawOf(const SensorLog& log, Mode::MODE mode, bool alternate, 
   ConsoleCapture quiet;
   EXPECT_TRUE(yaw.init(*movie, mode, 30, alternate, 0));
   EXPECT_EQ(yaw.samplingRate, log.gravityRate);
-  EXPECT_EQ(yaw.yawTable.size(), log.gravity.size());
-  return yaw.yawTable;
+  EXPECT_EQ(yaw.table().size(), log.gravity.size());
+  return yaw.table();
 }
 
 // Each entry is rate x time since the first gravity sample, within 1 %.
