@@ -30,7 +30,11 @@ trap 'rm -rf "$out"' EXIT
 
 ls "$corpus"/batch/clip_*.mp4 > "$out/batch.txt"
 # ExifTool's stay-open protocol: one request (-j and a file) per -execute.
-while read -r f; do printf -- '-j\n%s\n-execute\n' "$f"; done < "$out/batch.txt" > "$out/exiftool.args"
+# The last command lets it exit.
+{
+  while read -r f; do printf -- '-j\n%s\n-execute\n' "$f"; done < "$out/batch.txt"
+  printf -- '-stay_open\nFalse\n'
+} > "$out/exiftool.args"
 
 measure() {  # name, command...
   local name=$1

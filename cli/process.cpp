@@ -1,5 +1,8 @@
 // The command line: argument mode (one file and its options) and the
 // request stream (one tab-separated request per line of standard input).
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cwchar>
 
@@ -17,12 +20,71 @@ bool startsWith(const wchar_t* text, const wchar_t* prefix) {
   return std::wcsncmp(text, prefix, std::wcslen(prefix)) == 0;
 }
 
+enum class LineRead { kLine, kInvalid, kEnd };
+
+// Reads the next request line from standard input as the C library's wide
+// line reader would: at most size - 1 characters, up to and including the
+// line feed, so that a longer line arrives in pieces. A line that is not
+// valid text in the locale is read to its end and reported as invalid, where
+// the library's reader would fail and end the stream.
+LineRead readLine(wchar_t* line, int size) {
+  static char bytes[65536];
+  static size_t have = 0, at = 0;
+  auto nextByte = [](char& c) {
+    if (at == have) {
+      ssize_t n;
+      do {
+        n = ::read(0, bytes, sizeof bytes);
+      } while (n < 0 && errno == EINTR);
+      if (n <= 0) return false;
+      have = static_cast<size_t>(n);
+      at = 0;
+    }
+    c = bytes[at++];
+    return true;
+  };
+
+  std::mbstate_t state{};
+  int n = 0;
+  bool pending = false;  // inside a multibyte character
+  char c;
+  while (n < size - 1) {
+    if (!nextByte(c)) {
+      if (pending) return LineRead::kInvalid;
+      break;
+    }
+    wchar_t wc = 0;
+    const size_t used = std::mbrtowc(&wc, &c, 1, &state);
+    if (used == static_cast<size_t>(-2)) {
+      pending = true;
+      continue;
+    }
+    if (used == static_cast<size_t>(-1)) {
+      while (c != '\n' && nextByte(c)) {
+      }
+      return LineRead::kInvalid;
+    }
+    pending = false;
+    line[n++] = wc;
+    if (wc == L'\n') break;
+  }
+  if (n == 0) return LineRead::kEnd;
+  line[n] = L'\0';
+  return LineRead::kLine;
+}
+
 // Answers request lines until standard input ends. A line is a source path
 // and up to three dump paths (gravity, gyro, compass), separated by tabs;
 // consecutive tabs count as one, so an empty field cannot be expressed.
 int requestStream() {
   static wchar_t line[kLineBuffer] = {};
-  while (std::fgetws(line, kLineBuffer, stdin) != nullptr) {
+  for (;;) {
+    const LineRead read = readLine(line, kLineBuffer);
+    if (read == LineRead::kEnd) return 0;
+    if (read == LineRead::kInvalid) {
+      GLTK::Console::out(L"result: {\"status\":\"failed\"}\n");
+      continue;
+    }
     if (wchar_t* cr = std::wcschr(line, L'\r')) *cr = L'\0';
     if (wchar_t* lf = std::wcschr(line, L'\n')) *lf = L'\0';
     wchar_t* state = nullptr;
@@ -38,7 +100,6 @@ int requestStream() {
       GLTK::Console::out(L"result: {\"status\":\"failed\"}\n");
     }
   }
-  return 0;
 }
 
 }  // namespace

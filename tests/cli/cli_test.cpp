@@ -224,6 +224,12 @@ TEST_F(Cli, RequestLinesFieldsAndFailures) {
   EXPECT_FALSE(fs::exists(dir_.file("never.json")));
 }
 
+TEST_F(Cli, ALineThatIsNotUtf8IsAnsweredAndTheStreamGoesOn) {
+  const RunResult r = runSondex({}, "bad\xFF.mp4\n" + sample("sample.jpg") + "\ncut\xC3");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, kFailed + runSondex({sample("sample.jpg")}).out + kFailed);
+}
+
 TEST_F(Cli, ALineStartingWithATabPassesThatTab) {
   const RunResult r = runSondex({}, "\tnone.mp4\n");
   EXPECT_EQ(r.out, "open(\tnone.mp4, 'r') failed.\nopen(\tnone.mp4, 'r') failed.\n" + kFailed);
