@@ -70,8 +70,12 @@ void HDLR::parseBox(BinFile& f, uint64_t limit) {
   }
   nameLength = size - 32;
   if (!within(f, nameLength)) return;
-  name.assign(static_cast<size_t>(nameLength), '\0');
-  f.read(reinterpret_cast<unsigned char*>(name.data()), nameLength);
+  // The box may claim more than the file holds (a top-level box's limit is
+  // its own size): only the bytes that are there are kept. The rest would
+  // read as zeros, and the name ends at its first zero anyway.
+  const uint64_t inFile = f.length() > f.tell() ? f.length() - f.tell() : 0;
+  name.assign(static_cast<size_t>(std::min(nameLength, inFile)), '\0');
+  f.read(reinterpret_cast<unsigned char*>(name.data()), name.size());
 }
 
 void HDLR::dump() const {

@@ -314,6 +314,20 @@ TEST(HDLR, ASizeBelowTheBlockLeavesNoName) {
   EXPECT_TRUE(hdlr->name.empty());
 }
 
+TEST(HDLR, ANameLongerThanTheFileKeepsOnlyTheFilesBytes) {
+  TempDir dir;
+  // Both sizes claim 2 GiB: the name must not be sized from them.
+  auto movie = attachBytes(dir, Box("meta")
+                                    .rawSize(0x7FFFFFFF)
+                                    .u32(0)
+                                    .child(Box("hdlr").rawSize(0x7FFFFFF0).zeros(8).str("mdir").zeros(12).str("ab"))
+                                    .build());
+  auto* hdlr = only<MP4::HDLR>(*movie, "meta.hdlr");
+  EXPECT_EQ(std::string(hdlr->handler.begin(), hdlr->handler.end()), "mdir");
+  EXPECT_EQ(hdlr->nameLength, 0x7FFFFFF0u - 32);
+  EXPECT_EQ(hdlr->name, "ab");
+}
+
 TEST(UUID, KeepsItsPayloadInPieces) {
   TempDir dir;
   const std::string xml(1300, 'x');
