@@ -101,7 +101,7 @@ bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kd
       if (next < yaw.size()) out << ",\"yaw\":" << yaw[next++];
     });
   }
-  if (kdtbPath != nullptr && ok) ok = reader->dumpXYZT(reader->gyro, kdtbPath, [](std::ostream&) {});
+  if (kdtbPath != nullptr && ok) ok = reader->dumpXYZT(reader->gyroSamples(), kdtbPath, [](std::ostream&) {});
   if (kdtcPath != nullptr && ok) ok = reader->dumpXYZT(reader->ecompass, kdtcPath, [](std::ostream&) {});
   if (!ok) return false;
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -66,6 +67,11 @@ class Container {
   // full-range flag, in place when the new record fits, in the user data's
   // space when that follows the record, else by rebuilding the file.
   bool appendFullRangeAndConstrainedSet1Flag(bool fullRange);
+
+  // Results worked out from this parse of the file (sensor logs and the
+  // like), so that what several readers ask for is read once. Emptied by
+  // every parse.
+  std::map<std::string, std::shared_ptr<void>> derived;
 
   std::wstring path;
   const wchar_t* outputPath = nullptr;  // where a rebuilt file goes instead of path

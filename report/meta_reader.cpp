@@ -3,9 +3,11 @@
 // size, spatial-audio flags and avcC flags.
 #include "report/meta_reader.h"
 
+#include <exception>
 #include <limits>
 #include <stdexcept>
 
+#include "gltk/console.h"
 #include "mp4/avcc.h"
 #include "mp4/boxes.h"
 
@@ -28,24 +30,61 @@ bool MetaReader::parse(const wchar_t* file) {
   fullRange = false;
   hasSA3DSound = false;
   gyro.clear();
+  gyroLog_.reset();
   ecompass.clear();
   topBottomCorrection.clear();
   gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
 
-  const bool ok = probe.probe(path);
-
+  // While the movie is being described on another thread, the boxes are
+  // read and the sensor logs loaded and analysed here, ahead of time. What
+  // that prints is held back and written, in its place after the probe's
+  // own lines, only when the movie turns out readable; otherwise it is
+  // dropped with the samples, as if it had never been read.
+  probe.start(path);
+  GLTK::Console::Capture opening;
   MP4::Container movie;
-  if (!movie.attach(path, ~0ULL)) return ok;
-  if (!ok) return ok;
-
-  AccelSensorStreamEmbed::loadGen2_KDTB(movie, gyro, gyroSamplingRate);
-  AccelSensorStreamEmbed::loadGen2_KDTC(movie, ecompass, ecompassSamplingRate);
-  AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, topBottomCorrection, topBottomCorrectionSamplingRate);
+  const bool opened = movie.attach(path, ~0ULL);
+  const std::string openingText = opening.release();
+  GLTK::Console::Capture ahead;
+  AccelSensorStreamEmbed sensors;
+  // A failure that ends the run (a big-endian KDTG box) must end it after
+  // the lines that would have come before it, and not at all for a movie
+  // that is not read that far.
+  std::exception_ptr failure;
+  if (opened) {
+    try {
+      gyroLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Gyro>(
+          movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Gyro>);
+      gyroSamplingRate = gyroLog_->samplingRate;
+      AccelSensorStreamEmbed::loadGen2_KDTC(movie, ecompass, ecompassSamplingRate);
+      AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, topBottomCorrection, topBottomCorrectionSamplingRate);
+      // Its divisor (the pace below) only fills fields nothing reads.
+      sensors.loadGen2(movie, 30);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  }
+  const std::string aheadText = ahead.release();
+  const bool ok = probe.finish();
+  GLTK::Console::write(openingText);
+  if (opened && ok && failure) {
+    GLTK::Console::write(aheadText);
+    std::rethrow_exception(failure);
+  }
+  if (!opened || !ok) {
+    gyroLog_.reset();
+    gyro.clear();
+    ecompass.clear();
+    topBottomCorrection.clear();
+    gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
+    return ok;
+  }
+  GLTK::Console::write(aheadText);
 
   // Sensor logs are paced at 30 or 15 per second depending on the movie.
   const int pace = probe.frameRate > 29.0f ? 30 : 15;
-  AccelSensorStreamEmbed sensors;
-  sensors.loadGen2(movie, pace);
+  sensors.divisor = pace;
+  sensors.step = 30 / pace;
   const auto mode =
       VideoStabilizationMode::yawMode(static_cast<ExifParser::VIDEO_STABILIZATION>(probe.record.stabilize));
   // An upside-down camera turns the other way about the vertical axis.
@@ -94,4 +133,8 @@ bool MetaReader::parse(const wchar_t* file) {
     return true;
   });
   return ok;
+}
+
+const std::vector<AccelSensorStreamEmbed::Gyro>& MetaReader::gyroSamples() {
+  return gyroLog_ ? gyroLog_->records() : gyro;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -21,6 +22,10 @@ class MetaReader {
   void dumpToJSON() const;
   template <class T>
   bool dumpXYZT(std::vector<T> samples, const std::wstring& path, std::function<void(std::ostream&)> extra);
+
+  // The gyro samples: read from the movie when first asked for, since only
+  // the gyro dump needs them.
+  const std::vector<AccelSensorStreamEmbed::Gyro>& gyroSamples();
 
   // Stills.
   bool parse_JPEG(const wchar_t* path, bool dump);
@@ -60,6 +65,9 @@ class MetaReader {
   uint32_t affineTable1Length = 0;
   uint32_t affineTable2Offset = 0;
   uint32_t affineTable2Length = 0;
+
+ private:
+  std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>> gyroLog_;
 };
 
 // Widens and blanks a text for the report: quotes and control bytes (and,

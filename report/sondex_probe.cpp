@@ -46,17 +46,38 @@ void Sondex::init() {
 }
 
 bool Sondex::probe(const std::wstring& path) {
+  start(path);
+  return finish();
+}
+
+bool Sondex::start(const std::wstring& path) {
   init();
-  MP4::Container movie;
-  if (movie.attach(path, ~0ULL)) {
-    readModel(movie);
-    readKMKN(movie);
-    readCodec(movie);
-    readSphericalXML(movie);
-    readXMP(movie);
-    detectGyroData(movie);
-    detect_movie(path);
-    detectBitRate(movie);
+  movie_ = std::make_unique<MP4::Container>();
+  if (!movie_->attach(path, ~0ULL)) {
+    movie_.reset();
+    return false;
+  }
+  // The description opens the file on its own and decides nothing the box
+  // readers print, so it runs beside them.
+  description_ = std::async(std::launch::async, [describer = describe, path]() -> std::optional<MovieDescription> {
+    MovieDescription d;
+    if (!describer || !describer(path, d)) return std::nullopt;
+    return d;
+  });
+  readModel(*movie_);
+  readKMKN(*movie_);
+  readCodec(*movie_);
+  readSphericalXML(*movie_);
+  readXMP(*movie_);
+  detectGyroData(*movie_);
+  return true;
+}
+
+bool Sondex::finish() {
+  if (movie_) {
+    if (const std::optional<MovieDescription> d = description_.get()) take(*d);
+    detectBitRate(*movie_);
+    movie_.reset();
   }
   return width >= 1;
 }
@@ -145,7 +166,10 @@ void Sondex::detectGyroData(MP4::Container& movie) {
 
 void Sondex::detect_movie(const std::wstring& path) {
   MovieDescription description;
-  if (!describe || !describe(path, description)) return;
+  if (describe && describe(path, description)) take(description);
+}
+
+void Sondex::take(const MovieDescription& description) {
   frameRate = description.frameRate;
   width = static_cast<int32_t>(description.width);
   height = static_cast<int32_t>(description.height);

@@ -12,6 +12,9 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "mp4/container.h"
@@ -75,6 +78,50 @@ class AccelSensorStreamEmbed {
     reverseBytes(record.lockDirAlternate);
     reverseBytes(record.t);
   }
+
+  // A sample box as read for one parse of a movie. Its header is checked
+  // when it is opened, and what the check printed is printed again by every
+  // later load of the same box; its records are read from the file when
+  // first asked for, so a log nothing uses is never read.
+  template <class T>
+  class SampleLog {
+   public:
+    uint16_t samplingRate = 0;  // 0 unless the header passed its checks
+    // The records the box and the file hold.
+    uint64_t size() const { return count_; }
+    const std::vector<T>& records() const;
+
+   private:
+    friend class AccelSensorStreamEmbed;
+    std::string messages_;
+    std::wstring path_;
+    uint64_t first_ = 0;  // file offset of the first record
+    uint64_t count_ = 0;
+    bool bigEndian_ = false;
+    std::function<void(T&)> swap_;
+    mutable std::optional<std::vector<T>> records_;
+  };
+
+  // The first "moov.udta.<code>" box as a sample log, opened once per parse
+  // of the movie.
+  template <class T>
+  static std::shared_ptr<const SampleLog<T>> openLog(MP4::Container& movie, const char* code,
+                                                     std::function<void(T&)> swap);
+
+  // The gravity samples on the KDTG clock, worked out once per parse of the
+  // movie (what it printed is printed again by every later call).
+  struct RetimedGravity {
+    std::vector<TopBottomCorrection> samples;
+    uint16_t samplingRate = 0;
+    std::string messages;
+  };
+  static std::shared_ptr<const RetimedGravity> retimedGravity(MP4::Container& movie);
+
+ private:
+  template <class T>
+  static void checkHeader(MP4::Container& movie, const MP4::BOX& box, const char* code, SampleLog<T>& log);
+
+ public:
 
   // The generic loader: the first "moov.udta.<code>" box, checked and read
   // into out. A missing box leaves out empty and samplingRate 0, quietly.

@@ -5,6 +5,7 @@
 #include <bit>
 #include <cmath>
 #include <string>
+#include <typeinfo>
 
 #include "gltk/console.h"
 #include "gltk/wchar.h"
@@ -50,22 +51,38 @@ uint64_t readFully(GLTK::FileIO& file, void* buffer, uint64_t n) {
 }  // namespace
 
 template <class T>
-void AccelSensorStreamEmbed::loadGen2_KDTx(MP4::Container& movie, const char* code, std::vector<T>& out,
-                                           uint16_t& samplingRate, std::function<void(T&)> swap) {
-  out.clear();
-  samplingRate = 0;
+std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<T>> AccelSensorStreamEmbed::openLog(
+    MP4::Container& movie, const char* code, std::function<void(T&)> swap) {
+  const std::string key = std::string("sample log ") + code + " " + typeid(T).name();
+  if (const auto& known = movie.derived[key]) {
+    auto log = std::static_pointer_cast<const SampleLog<T>>(known);
+    Console::write(log->messages_);
+    return log;
+  }
+
+  auto log = std::make_shared<SampleLog<T>>();
+  log->path_ = movie.path;
+  log->swap_ = std::move(swap);
+  Console::Record printed;
   const std::string path = std::string("moov.udta.") + code;
   MP4::BOX* box = nullptr;
   movie.find(path.c_str(), [&box](MP4::BOX& found) {
     if (box == nullptr) box = &found;
     return false;
   });
-  if (box == nullptr) return;
+  if (box != nullptr) checkHeader(movie, *box, code, *log);
+  log->messages_ = printed.text();
+  movie.derived[key] = log;
+  return log;
+}
 
+template <class T>
+void AccelSensorStreamEmbed::checkHeader(MP4::Container& movie, const MP4::BOX& box, const char* code,
+                                         SampleLog<T>& log) {
   constexpr uint32_t recordSize = sizeof(T);
   const std::wstring name = GLTK::wchar::mbs2wcs(code);
-  const uint64_t start = box->start;
-  const uint64_t size = box->size;
+  const uint64_t start = box.start;
+  const uint64_t size = box.size;
   // "except" (for "expect") is kept as written: other programs match these lines.
   if (size < kHeaderSize) {
     Console::out(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(), kHeaderSize,
@@ -93,29 +110,59 @@ void AccelSensorStreamEmbed::loadGen2_KDTx(MP4::Container& movie, const char* co
       return;
     }
     // The length check is made in 32 bits, so a huge count can wrap around
-    // and pass; what is read below is bounded by the box and the file anyway.
+    // and pass; what is read is bounded by the box and the file anyway.
     const uint32_t needed = kHeaderSize + entryCount * recordSize;
     if (size < needed) {
       Console::out(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(), kHeaderSize,
                    static_cast<unsigned>(unitSize), entryCount, needed, static_cast<uint32_t>(size));
       return;
     }
-    samplingRate = rate;
-
+    log.samplingRate = rate;
     // Only whole records inside both the box and the file are kept; stated
     // records that the box or the file cannot back are dropped, not made up.
     const uint64_t first = start + kHeaderSize;
     const uint64_t fileLength = file.length();
     uint64_t count = std::min<uint64_t>(entryCount, (size - kHeaderSize) / recordSize);
     count = std::min<uint64_t>(count, fileLength > first ? (fileLength - first) / recordSize : 0);
-    std::vector<T> records(count);
-    records.resize(readFully(file, records.data(), count * recordSize) / recordSize);
-    if (endian == kBigEndianMark) {
-      for (T& record : records) swap(record);
-    }
-    out = std::move(records);
+    log.first_ = first;
+    log.count_ = count;
+    log.bigEndian_ = endian == kBigEndianMark;
   });
 }
+
+template <class T>
+const std::vector<T>& AccelSensorStreamEmbed::SampleLog<T>::records() const {
+  if (!records_) {
+    std::vector<T> records;
+    if (count_ > 0) {
+      GLTK::FileIO::open(path_, [&](GLTK::FileIO& file) {
+        if (!file.seek_set(first_)) return;
+        records.resize(count_);
+        records.resize(readFully(file, records.data(), count_ * sizeof(T)) / sizeof(T));
+      });
+    }
+    // A box marked 0x3210 has each record byte-reversed; the timestamp box
+    // has no routine for that, and its first record ends the run.
+    if (bigEndian_) {
+      for (T& record : records) swap_(record);
+    }
+    records_ = std::move(records);
+  }
+  return *records_;
+}
+
+template <class T>
+void AccelSensorStreamEmbed::loadGen2_KDTx(MP4::Container& movie, const char* code, std::vector<T>& out,
+                                           uint16_t& samplingRate, std::function<void(T&)> swap) {
+  const auto log = openLog<T>(movie, code, std::move(swap));
+  out = log->records();
+  samplingRate = log->samplingRate;
+}
+
+template std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>>
+AccelSensorStreamEmbed::openLog(MP4::Container&, const char*, std::function<void(Gyro&)>);
+template std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<uint64_t>> AccelSensorStreamEmbed::openLog(
+    MP4::Container&, const char*, std::function<void(uint64_t&)>);
 
 template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Gyro>(MP4::Container&, const char*,
                                                                                   std::vector<Gyro>&, uint16_t&,
@@ -218,24 +265,42 @@ TopBottomCorrection sampleAt(const std::vector<TopBottomCorrection>& work, size_
 
 }  // namespace
 
-void AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(MP4::Container& movie, std::vector<TopBottomCorrection>& out,
-                                                     uint16_t& samplingRate) {
+std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> AccelSensorStreamEmbed::retimedGravity(
+    MP4::Container& movie) {
+  static const std::string kKey = "gravity on KDTG";
+  if (const auto& known = movie.derived[kKey]) {
+    auto gravity = std::static_pointer_cast<const RetimedGravity>(known);
+    Console::write(gravity->messages);
+    return gravity;
+  }
+  auto gravity = std::make_shared<RetimedGravity>();
+  Console::Record printed;
   std::vector<uint64_t> stamps;
   uint16_t stampRate = 0;
   loadGen3_KDTG(movie, stamps, stampRate);
   if (stamps.empty()) {
     Console::out(L"KDTD: No KDTG entries.\n");
-    loadGen2_KDTD(movie, out, samplingRate);
-    return;
+    loadGen2_KDTD(movie, gravity->samples, gravity->samplingRate);
+  } else {
+    std::vector<TopBottomCorrection> work;
+    loadGen2_KDTD(movie, work, gravity->samplingRate);
+    // Without gravity samples there is nothing to put on the KDTG clock.
+    if (!work.empty()) {
+      gravity->samples.reserve(stamps.size());
+      size_t k = 0;
+      for (const uint64_t stamp : stamps) gravity->samples.push_back(sampleAt(work, k, stamp + kKDTGOffset));
+    }
   }
-  std::vector<TopBottomCorrection> work;
-  loadGen2_KDTD(movie, work, samplingRate);
-  out.clear();
-  // Without gravity samples there is nothing to put on the KDTG clock.
-  if (work.empty()) return;
-  out.reserve(stamps.size());
-  size_t k = 0;
-  for (const uint64_t stamp : stamps) out.push_back(sampleAt(work, k, stamp + kKDTGOffset));
+  gravity->messages = printed.text();
+  movie.derived[kKey] = gravity;
+  return gravity;
+}
+
+void AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(MP4::Container& movie, std::vector<TopBottomCorrection>& out,
+                                                     uint16_t& samplingRate) {
+  const auto gravity = retimedGravity(movie);
+  out = gravity->samples;
+  samplingRate = gravity->samplingRate;
 }
 
 bool AccelSensorStreamEmbed::loadGen2(MP4::Container& movie, int stepDivisor) {

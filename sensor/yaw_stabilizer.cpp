@@ -152,23 +152,22 @@ bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mod
     return true;
   }
 
-  std::vector<Gyro> gyro;
-  std::vector<TopBottomCorrection> gravity;
-  std::vector<uint64_t> stamps;
-  uint16_t gyroRate = 0;
-  AccelSensorStreamEmbed::loadGen2_KDTB(movie, gyro, gyroRate);
-  AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, gravity, samplingRate);
-  AccelSensorStreamEmbed::loadGen3_KDTG(movie, stamps, unusedRate);
-  if (gyro.empty() || gravity.empty()) {
+  // The logs are opened (and their headers checked) now; the gyro records
+  // are read only when the integration runs.
+  const auto gyro = AccelSensorStreamEmbed::openLog<Gyro>(movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<Gyro>);
+  const auto gravity = AccelSensorStreamEmbed::retimedGravity(movie);
+  samplingRate = gravity->samplingRate;
+  const auto stamps = AccelSensorStreamEmbed::openLog<uint64_t>(movie, "KDTG", nullptr);
+  if (gyro->size() == 0 || gravity->samples.empty()) {
     Console::out(L"No metadata for yaw-stabilizer.\n");
     return false;
   }
   // Without KDTG the integration walks the gravity samples, with no gyro
   // rate for the drift filter; it runs when the table is first used.
-  const bool byGravity = stamps.empty();
-  pending_ = Integration{std::move(gyro),
-                         std::move(gravity),
-                         static_cast<unsigned short>(byGravity ? 0 : gyroRate),
+  const bool byGravity = stamps->records().empty();
+  pending_ = Integration{gyro,
+                         gravity,
+                         static_cast<unsigned short>(byGravity ? 0 : gyro->samplingRate),
                          byGravity,
                          mode == VideoStabilizationMode::LOCK_DIR,
                          alternate,
@@ -182,10 +181,12 @@ const std::vector<float>& YawStabilizer::table() {
   if (pending_) {
     const Integration run = std::move(*pending_);
     pending_.reset();
+    const std::vector<Gyro>& gyro = run.gyro->records();
+    const std::vector<TopBottomCorrection>& gravity = run.gravity->samples;
     if (run.byGravity) {
-      generate_by_kdtd(run.gyro, run.gyroRate, run.gravity, run.lockDir, run.alternate, run.version, run.frameRate);
+      generate_by_kdtd(gyro, run.gyroRate, gravity, run.lockDir, run.alternate, run.version, run.frameRate);
     } else {
-      generate(run.gyro, run.gyroRate, run.gravity, run.lockDir, run.alternate, run.version, run.frameRate);
+      generate(gyro, run.gyroRate, gravity, run.lockDir, run.alternate, run.version, run.frameRate);
     }
   }
   return yawTable;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,8 +67,8 @@ class YawStabilizer {
 
  private:
   struct Integration {
-    std::vector<AccelSensorStreamEmbed::Gyro> gyro;
-    std::vector<AccelSensorStreamEmbed::TopBottomCorrection> gravity;
+    std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>> gyro;
+    std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> gravity;
     unsigned short gyroRate;
     bool byGravity;  // no KDTG: walk the gravity samples
     bool lockDir;

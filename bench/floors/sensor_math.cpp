@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
 
   std::vector<double> times;
   for (int run = 0; run < 5; ++run) {
+    movie.attach(GLTK::wchar::mbs2wcs(argv[1]), ~0ULL);  // nothing worked out ahead
     const auto start = std::chrono::steady_clock::now();
     std::vector<AccelSensorStreamEmbed::TopBottomCorrection> gravity;
     AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, gravity, rate);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -121,6 +122,19 @@ TEST_F(Cli, APlainMovieHasOnlyTheHead) {
                                                "KDTD: No KDTG entries.\nKDTD: No KDTG entries.\n"
                                                "KDTC/KDTD is not enough size.\n  KDTC:   0\n  KDTD/G: 0\n") +
                                        head);
+}
+
+TEST_F(Cli, ABigEndianTimestampLogEndsTheRunAfterTheLinesBeforeIt) {
+  CameraBoxes boxes;
+  boxes.udta = {SampleBox("KDTB").unitSize(16).build(),
+                SampleBox("KDTG", kBigEndian).add(uint64_t{5}).add(uint64_t{6}).build()};
+  const std::string path = dir_.write("gap.mp4", injectCameraBoxes(ffmpegMovie("-c:v libx264"), boxes));
+  const RunResult r = runSondex({path});
+  EXPECT_EQ(r.signal, SIGABRT);
+  EXPECT_EQ(r.out,
+            "KMKN not found.\nH.264 detected.\n"
+            "KDTB: Invalid header. unitSize(expect 24, but 16), endian(expect 3210/0123, but 0123).\n");
+  EXPECT_NE(r.err.find("bad_function_call"), std::string::npos);
 }
 
 // ------------------------------------------------------------ the bundled samples, byte for byte

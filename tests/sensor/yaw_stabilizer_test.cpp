@@ -38,12 +38,13 @@ TEST(YawStabilizer, KDTIValuesAreChosenByModeAndSignAndDisabledReadsNothing) {
       EXPECT_EQ(yaw.frameRate, 15.0f);
     }
   }
-  std::remove(dir.file("movie.mp4").c_str());  // any read would now complain
+  auto bare = attachBytes(dir, sensorMovie({}), "bare.mp4");
+  std::remove(dir.file("bare.mp4").c_str());  // any read would now complain
   ConsoleCapture capture;
-  EXPECT_TRUE(yaw.init(*movie, Mode::DISABLED, 15, false, 0));
-  EXPECT_TRUE(yaw.yawTable.empty());
+  EXPECT_TRUE(yaw.init(*bare, Mode::DISABLED, 15, false, 0));
+  EXPECT_TRUE(yaw.table().empty());
   EXPECT_EQ(capture.text(), "");
-  EXPECT_FALSE(yaw.init(*movie, Mode::ENABLED, 15, false, 0));
+  EXPECT_FALSE(yaw.init(*bare, Mode::ENABLED, 15, false, 0));
   EXPECT_NE(capture.text().find("No metadata for yaw-stabilizer.\n"), std::string::npos);
 }
 
