@@ -28,6 +28,14 @@ void quotedIfPresent(std::wostringstream& tail, const wchar_t* key, const std::s
   if (!text.empty()) tail << key << toJsonValueL(text);
 }
 
+// The camera record's four texts, which both lines carry first.
+void recordTexts(std::wostringstream& tail, const ExifParser::ZEPRA& record) {
+  quotedIfPresent(tail, L", \"model\":", record.model);
+  quotedIfPresent(tail, L", \"software\":", record.software);
+  quotedIfPresent(tail, L", \"cpuVersion\":", record.cpuVersion);
+  quotedIfPresent(tail, L", \"cameraSerial\":", record.cameraSerial);
+}
+
 void floatIfPresent(std::wostringstream& tail, const wchar_t* key, float value) {
   if (!std::isnan(value)) tail << key << value;
 }
@@ -61,10 +69,7 @@ void MetaReader::dumpToJSON() const {
   const wchar_t* codec = probe.codec == 1 ? L"H264" : probe.codec == 2 ? L"H265" : L"unknown";
 
   std::wostringstream tail;
-  quotedIfPresent(tail, L", \"model\":", record.model);
-  quotedIfPresent(tail, L", \"software\":", record.software);
-  quotedIfPresent(tail, L", \"cpuVersion\":", record.cpuVersion);
-  quotedIfPresent(tail, L", \"cameraSerial\":", record.cameraSerial);
+  recordTexts(tail, record);
   quotedIfPresent(tail, L", \"gps\":", locationText);
   if (frameWidth > 0) tail << L", \"frameWidth\":" << frameWidth;
   if (frameHeight > 0) tail << L", \"frameHeight\":" << frameHeight;
@@ -99,10 +104,7 @@ void MetaReader::dumpToJSON() const {
 
 void MetaReader::dumpToJSON_still(bool isDNG) const {
   std::wostringstream tail;
-  quotedIfPresent(tail, L", \"model\":", stillRecord.model);
-  quotedIfPresent(tail, L", \"software\":", stillRecord.software);
-  quotedIfPresent(tail, L", \"cpuVersion\":", stillRecord.cpuVersion);
-  quotedIfPresent(tail, L", \"cameraSerial\":", stillRecord.cameraSerial);
+  recordTexts(tail, stillRecord);
   floatIfPresent(tail, L", \"yaw\":", stillRecord.yaw);
   floatIfPresent(tail, L", \"pitch\":", stillRecord.pitch);
   floatIfPresent(tail, L", \"roll\":", stillRecord.roll);
