@@ -115,6 +115,14 @@ uint64_t BinFile::read64() {
 
 uint64_t BinFile::take_entries(std::vector<uint8_t>& out, uint64_t entrySize, uint64_t count) {
   out.clear();
+  const uint64_t stored = storable_entries(entrySize, count);
+  if (stored == 0) return 0;
+  out.assign(stored * entrySize, 0);
+  read(out.data(), out.size());
+  return stored;
+}
+
+uint64_t BinFile::storable_entries(uint64_t entrySize, uint64_t count) {
   if (count == 0 || entrySize == 0) return 0;
   // How many entries pass the guard one after another.
   uint64_t allowed = count;
@@ -125,11 +133,7 @@ uint64_t BinFile::take_entries(std::vector<uint8_t>& out, uint64_t entrySize, ui
   // Of those, only the ones that lie in the file are worth storing.
   const uint64_t fileEnd = length();
   const uint64_t inFile = fileEnd > position ? (fileEnd - position + entrySize - 1) / entrySize : 0;
-  const uint64_t stored = std::min(allowed, inFile);
-  if (stored == 0) return 0;
-  out.assign(stored * entrySize, 0);
-  read(out.data(), out.size());
-  return stored;
+  return std::min(allowed, inFile);
 }
 
 }  // namespace MP4

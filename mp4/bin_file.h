@@ -40,6 +40,9 @@ class BinFile : public GLTK::FileIO {
   // last one zero-padded); the others read as zero, so callers keep the
   // count and treat the missing tail as zeros. Returns the stored count.
   uint64_t take_entries(std::vector<uint8_t>& out, uint64_t entrySize, uint64_t count);
+  // How many of count entries take_entries would store: those that pass the
+  // guard and lie, at least in part, in the file.
+  uint64_t storable_entries(uint64_t entrySize, uint64_t count);
 
  private:
   bool fill(uint64_t at);

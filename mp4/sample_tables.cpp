@@ -69,12 +69,12 @@ void STSZ::parseBox(BinFile& f, uint64_t limit) {
     return;
   }
   if (sample_count == 0) return;
-  std::vector<uint8_t> raw;
-  const uint64_t stored = f.take_entries(raw, 4, sample_count);
-  entries.resize(stored);
-  for (uint64_t i = 0; i < stored; ++i) {
-    entries[i] = be32(&raw[4 * i]);
-    sample_total += entries[i];
+  // Read straight into the table, then put each size in host order.
+  entries.resize(f.storable_entries(4, sample_count));
+  f.read(reinterpret_cast<unsigned char*>(entries.data()), entries.size() * 4);
+  for (uint32_t& size : entries) {
+    size = be32(reinterpret_cast<const uint8_t*>(&size));
+    sample_total += size;
   }
 }
 

@@ -312,17 +312,18 @@ bool AccelSensorStreamEmbed::loadGen2(MP4::Container& movie, int stepDivisor) {
   reversed = frontReversed = false;
   positiveSum = negativeSum = frontSum = 0;
 
-  std::vector<Ecompass> compass;
-  std::vector<YawCorrection> corrections;
-  std::vector<TopBottomCorrection> gravity;
-  uint16_t unusedRate = 0;
-  loadGen2_KDTC(movie, compass, unusedRate);
-  loadGen2_KDTI(movie, corrections, unusedRate);
-  if (!corrections.empty()) {
-    loadGen2_KDTD(movie, gravity, unusedRate);
+  // The logs as opened for this parse of the movie, used in place.
+  const auto compassLog = openLog<Ecompass>(movie, "KDTC", swap_xyzt<Ecompass>);
+  const std::vector<Ecompass>& compass = compassLog->records();
+  const auto corrections = openLog<YawCorrection>(movie, "KDTI", swap_KDTI<YawCorrection>);
+  std::shared_ptr<const SampleLog<TopBottomCorrection>> plainGravity;
+  std::shared_ptr<const RetimedGravity> retimed;
+  if (!corrections->records().empty()) {
+    plainGravity = openLog<TopBottomCorrection>(movie, "KDTD", swap_xyzt<TopBottomCorrection>);
   } else {
-    loadGen3_KDTD_with_KDTG(movie, gravity, unusedRate);
+    retimed = retimedGravity(movie);
   }
+  const std::vector<TopBottomCorrection>& gravity = plainGravity ? plainGravity->records() : retimed->samples;
   if (compass.empty() || gravity.empty() || compass.size() < gravity.size()) {
     Console::out(L"KDTC/KDTD is not enough size.\n");
     Console::out(L"  KDTC:   %d\n", static_cast<int>(compass.size()));
