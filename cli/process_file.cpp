@@ -97,12 +97,12 @@ bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kd
   if (kdtdPath != nullptr && ok) {
     size_t next = 0;
     const std::vector<float>& yaw = reader->yawStabilizer.table();
-    ok = reader->dumpXYZT(reader->topBottomCorrection, kdtdPath, [&](std::ostream& out) {
+    ok = reader->dumpXYZT(reader->gravitySamples(), kdtdPath, [&](std::ostream& out) {
       if (next < yaw.size()) out << ",\"yaw\":" << yaw[next++];
     });
   }
   if (kdtbPath != nullptr && ok) ok = reader->dumpXYZT(reader->gyroSamples(), kdtbPath, [](std::ostream&) {});
-  if (kdtcPath != nullptr && ok) ok = reader->dumpXYZT(reader->ecompass, kdtcPath, [](std::ostream&) {});
+  if (kdtcPath != nullptr && ok) ok = reader->dumpXYZT(reader->compassSamples(), kdtcPath, [](std::ostream&) {});
   if (!ok) return false;
 
   reader->dumpToJSON();

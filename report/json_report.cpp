@@ -87,7 +87,7 @@ void MetaReader::dumpToJSON() const {
     tail << L", \"directionLocked\":" << (record.stabilizeFlag2 ? "true" : "false");
     tail << L", \"videoStabilization\":" << record.stabilize;
   }
-  if (!topBottomCorrection.empty()) {
+  if (!gravitySamples().empty()) {
     tail << L", \"KDTDSamplingRate\":" << topBottomCorrectionSamplingRate << L", \"KDTBSamplingRate\":"
          << gyroSamplingRate << L", \"KDTCSamplingRate\":" << ecompassSamplingRate;
   }
@@ -97,7 +97,7 @@ void MetaReader::dumpToJSON() const {
   GLTK::Console::out(
       L"result: {\"status\":\"succeed\", \"hasKDTD\":%ls, \"type\":\"%ls\", \"codec\":\"%ls\", \"decodable\":%ls, "
       L"\"hasSpatialSound\":%ls, \"hasSA3DSound\":%ls, \"duration\":%0.2f, \"videoBitRate\":%u%ls}\n",
-      yesNo(!topBottomCorrection.empty()), type, codec, yesNo(probe.width >= 1), yesNo(hasSpatialSound),
+      yesNo(!gravitySamples().empty()), type, codec, yesNo(probe.width >= 1), yesNo(hasSpatialSound),
       yesNo(hasSA3DSound), static_cast<double>(probe.duration), bitRateField(probe.videoBitRate),
       tail.str().c_str());
 }

@@ -29,11 +29,7 @@ bool MetaReader::parse(const wchar_t* file) {
   constrainedSet1Flag = false;
   fullRange = false;
   hasSA3DSound = false;
-  gyro.clear();
-  gyroLog_.reset();
-  ecompass.clear();
-  topBottomCorrection.clear();
-  gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
+  dropSamples();
 
   // While the movie is being described on another thread, the boxes are
   // read and the sensor logs loaded and analysed here, ahead of time. What
@@ -56,8 +52,11 @@ bool MetaReader::parse(const wchar_t* file) {
       gyroLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Gyro>(
           movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Gyro>);
       gyroSamplingRate = gyroLog_->samplingRate;
-      AccelSensorStreamEmbed::loadGen2_KDTC(movie, ecompass, ecompassSamplingRate);
-      AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, topBottomCorrection, topBottomCorrectionSamplingRate);
+      compassLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Ecompass>(
+          movie, "KDTC", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Ecompass>);
+      ecompassSamplingRate = compassLog_->samplingRate;
+      gravity_ = AccelSensorStreamEmbed::retimedGravity(movie);
+      topBottomCorrectionSamplingRate = gravity_->samplingRate;
       // Its divisor (the pace below) only fills fields nothing reads.
       sensors.loadGen2(movie, 30);
     } catch (...) {
@@ -72,11 +71,7 @@ bool MetaReader::parse(const wchar_t* file) {
     std::rethrow_exception(failure);
   }
   if (!opened || !ok) {
-    gyroLog_.reset();
-    gyro.clear();
-    ecompass.clear();
-    topBottomCorrection.clear();
-    gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
+    dropSamples();
     return ok;
   }
   GLTK::Console::write(aheadText);
@@ -135,6 +130,24 @@ bool MetaReader::parse(const wchar_t* file) {
   return ok;
 }
 
-const std::vector<AccelSensorStreamEmbed::Gyro>& MetaReader::gyroSamples() {
+void MetaReader::dropSamples() {
+  gyro.clear();
+  ecompass.clear();
+  topBottomCorrection.clear();
+  gyroLog_.reset();
+  compassLog_.reset();
+  gravity_.reset();
+  gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
+}
+
+const std::vector<AccelSensorStreamEmbed::Gyro>& MetaReader::gyroSamples() const {
   return gyroLog_ ? gyroLog_->records() : gyro;
+}
+
+const std::vector<AccelSensorStreamEmbed::Ecompass>& MetaReader::compassSamples() const {
+  return compassLog_ ? compassLog_->records() : ecompass;
+}
+
+const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& MetaReader::gravitySamples() const {
+  return gravity_ ? gravity_->samples : topBottomCorrection;
 }

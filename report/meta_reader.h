@@ -23,9 +23,14 @@ class MetaReader {
   template <class T>
   bool dumpXYZT(std::vector<T> samples, const std::wstring& path, std::function<void(std::ostream&)> extra);
 
-  // The gyro samples: read from the movie when first asked for, since only
-  // the gyro dump needs them.
-  const std::vector<AccelSensorStreamEmbed::Gyro>& gyroSamples();
+  // The three sample streams as parse() left them. The gyro and compass
+  // samples are read from the movie when first asked for, since only their
+  // dump files need them; the gravity samples are shared with the analysis
+  // that worked them out. (Each falls back to its vector below when parse()
+  // did not set it.)
+  const std::vector<AccelSensorStreamEmbed::Gyro>& gyroSamples() const;
+  const std::vector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const;
+  const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravitySamples() const;
 
   // Stills.
   bool parse_JPEG(const wchar_t* path, bool dump);
@@ -67,7 +72,11 @@ class MetaReader {
   uint32_t affineTable2Length = 0;
 
  private:
+  void dropSamples();
+
   std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>> gyroLog_;
+  std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Ecompass>> compassLog_;
+  std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> gravity_;
 };
 
 // Widens and blanks a text for the report: quotes and control bytes (and,
