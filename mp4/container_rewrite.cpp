@@ -35,6 +35,14 @@ uint64_t getBE(const uint8_t* in, int bytes) {
 
 bool writeAll(BinFile& f, const uint8_t* data, uint64_t n) { return n == 0 || f.write(data, n) == n; }
 
+bool writeZeros(BinFile& f, uint64_t n) {
+  const std::vector<uint8_t> zeros(static_cast<size_t>(std::min(n, kCopyBlock)), 0);
+  for (; n > 0; n -= std::min<uint64_t>(n, zeros.size())) {
+    if (!writeAll(f, zeros.data(), std::min<uint64_t>(n, zeros.size()))) return false;
+  }
+  return true;
+}
+
 // Copies exactly n bytes from src to dst at their positions; a short read
 // or write fails (the copy never writes bytes it did not read).
 bool copyExactly(BinFile& src, BinFile& dst, uint64_t n) {
@@ -283,9 +291,13 @@ bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
     udta = &box;
     return false;
   });
-  // The user data can give up its space when it follows the record and
-  // leaves room for the 8-byte header of the free box that replaces it.
+  // The user data can give up its space when it follows the record, lies
+  // in the file (the free box that replaces it is written out whole, so a
+  // size claiming more than the file would grow the file by the claim) and
+  // leaves room for that box's 8-byte header.
+  const uint64_t fileLength = root != nullptr ? root->size : 0;
   if (udta != nullptr && record.start < udta->start && record.end() <= udta->start &&
+      udta->start <= fileLength && udta->size <= fileLength - udta->start &&
       (delta < 0 || udta->size >= static_cast<uint64_t>(delta)) &&
       static_cast<int64_t>(udta->size) - delta >= 8) {
     BOX& userData = *udta;
@@ -296,12 +308,12 @@ bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
       std::vector<uint8_t> between(static_cast<size_t>(userData.start - record.end()));
       f.seek_set(record.end());
       if (f.read(between.data(), between.size()) != between.size()) return false;
-      std::vector<uint8_t> filler(static_cast<size_t>(fillerSize), 0);
-      putBE(filler.data(), fillerSize, 4);
-      std::memcpy(filler.data() + 4, "free", 4);
+      uint8_t freeHeader[8];
+      putBE(freeHeader, fillerSize, 4);
+      std::memcpy(freeHeader + 4, "free", 4);
       f.seek_set(record.start);
       if (!writeAll(f, newBox.data(), newBox.size()) || !writeAll(f, between.data(), between.size()) ||
-          !writeAll(f, filler.data(), filler.size())) {
+          !writeAll(f, freeHeader, sizeof freeHeader) || !writeZeros(f, fillerSize - sizeof freeHeader)) {
         return false;
       }
       BOX* top = nullptr;

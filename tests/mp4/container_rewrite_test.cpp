@@ -9,8 +9,10 @@
 #include <csignal>
 #include <filesystem>
 
+#include "mp4/avcc.h"
 #include "mp4/boxes.h"
 #include "mp4/container.h"
+#include "tests/h264/fixtures.h"
 #include "tests/support/mp4_builder.h"
 #include "tests/support/movie.h"
 
@@ -278,6 +280,38 @@ TEST(ModifySTCOIndex, NoTableIsAFailure) {
     EXPECT_FALSE(movie->modifySTCOIndex(f, 1));
     EXPECT_FALSE(movie->modifySpatialTrakSTCOIndex(f, 1));
   });
+}
+
+// ------------------------------------------------------------ the -set1 rewrite
+
+TEST(AppendFullRangeAndConstrainedSet1Flag, AUserDataBoxClaimingMoreThanTheFileIsNotGivenUp) {
+  TempDir dir;
+  // A Baseline SPS with constraint_set1_flag 0 and no VUI: the record grows.
+  const ByteArray sps = fromBits(sps::baseline());
+  const Bytes record = ByteWriter()
+                           .bytes({1, 66, 0, 30, 0xFF, 0xE1})
+                           .u16(static_cast<uint16_t>(sps.size()))
+                           .bytes(Bytes(sps.data(), sps.data() + sps.size()))
+                           .bytes({1, 0, 2, 0x68, 0xCE})
+                           .data();
+  const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(64, 32).child(Box("avcC").bytes(record)));
+  // The user data follows the record but claims a megabyte the file lacks:
+  // giving it up for a free box of its claimed size would grow the file by
+  // that much, so the file is rebuilt instead.
+  const Bytes before = concat({Box("ftyp").str("isom").build(), Box("mdat").str("DATA").build(),
+                               Box("moov").child(videoTrak(64, 32, stsd)).child(Box("udta").rawSize(1 << 20)).build()});
+  auto movie = attachBytes(dir, before);
+  const uint64_t oldSize = findFirst(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC")->size;
+  ASSERT_TRUE(movie->appendFullRangeAndConstrainedSet1Flag(false));
+
+  auto* avcc = findTyped<MP4::AVCC>(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC");
+  ASSERT_NE(avcc, nullptr);
+  unsigned char profile = 0;
+  bool set1 = false, fullRange = true;
+  ASSERT_TRUE(avcc->get_profile_idc_and_constrained_set1_flag(profile, set1, fullRange));
+  EXPECT_TRUE(set1);
+  EXPECT_EQ(readFile(dir.file("movie.mp4")).size(), before.size() + avcc->size - oldSize);
+  EXPECT_NE(findFirst(*movie, "moov.udta"), nullptr);
 }
 
 }  // namespace
