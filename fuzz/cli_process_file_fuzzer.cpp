@@ -1,0 +1,236 @@
+// The whole program on one file. The input's first byte chooses how the
+// file is asked for, the rest is the file:
+//   bit 0     request stream (else argument mode)
+//   bits 1-2  the name: in.mp4, in.jpg, in.dng, in.JPEG
+//   bit 3     -set1        bit 4  -dump    (argument mode only)
+//   bit 5     the three sensor dump files
+//   bit 6     the gravity dump in a folder that does not exist
+// Every run must answer as specified: in argument mode exactly one result
+// line and status 0, or the usage text alone and status 1; in the request
+// stream one answer per request line. The one run allowed to end early is
+// a movie with a big-endian KDTG box holding records.
+//
+// The platform's movie description (FFmpeg) is replaced by a fake that
+// describes a movie from a few of its bytes; see describeMovie below.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/fuzz_support.h"
+#include "gltk/console.h"
+#include "gltk/wchar.h"
+#include "report/meta_reader.h"
+#include "report/movie_description.h"
+
+using namespace sondex::fuzz;
+
+namespace {
+
+uint32_t be32At(const std::string& bytes, size_t at) {
+  if (at > bytes.size() || bytes.size() - at < 4) return 0;
+  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data() + at);
+  return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+
+// A field at a fixed distance behind the first occurrence of a box code.
+uint32_t fieldAfter(const std::string& bytes, const char* code, size_t distance) {
+  const size_t at = bytes.find(code);
+  return at == std::string::npos ? 0 : be32At(bytes, at + distance);
+}
+
+}  // namespace
+
+// Stands in for report/movie_description.cpp (FFmpeg), which this target
+// does not link. The description runs on a thread of its own, where nothing
+// may print, so the fake looks at the file's bytes instead of parsing its
+// boxes: a movie is described when its first track header (version 0) has
+// a size; the frame rate is the first media header's time scale over the
+// first sample duration. Decoding is what it leaves out.
+bool describeMovie(const std::wstring& path, MovieDescription& out) {
+  std::string bytes;
+  const int fd = open(GLTK::wchar::wcs2mbs(path).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char block[65536];
+  for (ssize_t n; (n = read(fd, block, sizeof block)) > 0;) bytes.append(block, static_cast<size_t>(n));
+  close(fd);
+  const uint32_t width = fieldAfter(bytes, "tkhd", 80) >> 16, height = fieldAfter(bytes, "tkhd", 84) >> 16;
+  const uint32_t timeScale = fieldAfter(bytes, "mdhd", 16), delta = fieldAfter(bytes, "stts", 16);
+  if (width == 0 || height == 0) return false;
+  out.width = width;
+  out.height = height;
+  out.frameRate = delta != 0 ? static_cast<float>(timeScale) / static_cast<float>(delta) : 0.0f;
+  out.duration = 0;
+  return true;
+}
+
+namespace {
+
+// Everything the program prints goes to an in-memory file; take() hands
+// over what a run printed.
+class Output {
+ public:
+  Output() {
+    const int fd = memfd_create("sondex-output", MFD_CLOEXEC);
+    if (fd < 0 || (sink_ = fdopen(fd, "w")) == nullptr) fail("cannot make the output file");
+  }
+
+  FILE* sink() const { return sink_; }
+
+  std::string take() {
+    const int fd = fileno(sink_);
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    std::string text(static_cast<size_t>(end), '\0');
+    if (pread(fd, text.data(), text.size(), 0) != end) fail("cannot read the output file");
+    if (ftruncate(fd, 0) != 0 || lseek(fd, 0, SEEK_SET) != 0) fail("cannot empty the output file");
+    return text;
+  }
+
+ private:
+  FILE* sink_ = nullptr;
+};
+
+Output* g_output = nullptr;
+std::string g_usage;
+
+const char* const kNames[4] = {"in.mp4", "in.jpg", "in.dng", "in.JPEG"};
+const std::string kResult = "result: ";
+const std::string kFailed = "result: {\"status\":\"failed\"}";
+
+// The lines that begin with "result: ", in order.
+std::vector<std::string> resultLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('\n', at), text.size());
+    if (text.compare(at, kResult.size(), kResult) == 0) lines.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return lines;
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// Runs the request stream on the lines, with standard input a pipe.
+int requestStream(const std::string& lines) {
+  int pipeFds[2];
+  if (pipe(pipeFds) != 0) fail("pipe");
+  if (write(pipeFds[1], lines.data(), lines.size()) != static_cast<ssize_t>(lines.size())) fail("write");
+  close(pipeFds[1]);
+  const int savedInput = dup(0);
+  dup2(pipeFds[0], 0);
+  close(pipeFds[0]);
+  wchar_t name[] = L"sondex";
+  wchar_t* argv[10] = {name};
+  int status = -1;
+  try {
+    status = MetaReader::process(1, argv);
+  } catch (...) {
+    dup2(savedInput, 0);
+    close(savedInput);
+    throw;
+  }
+  dup2(savedInput, 0);
+  close(savedInput);
+  return status;
+}
+
+int argumentMode(const std::vector<std::wstring>& args) {
+  std::vector<std::wstring> all = {L"sondex"};
+  all.insert(all.end(), args.begin(), args.end());
+  wchar_t* argv[10] = {};
+  for (size_t i = 0; i < all.size() && i < 10; ++i) argv[i] = all[i].data();
+  return MetaReader::process(static_cast<int>(all.size()), argv);
+}
+
+void checkArgumentMode(int status, const std::string& text) {
+  const size_t results = resultLines(text).size();
+  const size_t usages = occurrences(text, g_usage);
+  if (status == 0 && (results != 1 || usages != 0)) fail("status 0 without exactly one result line");
+  if (status == 1 && (results != 0 || usages != 1 || !text.ends_with(g_usage))) {
+    fail("status 1 without the usage text alone at the end");
+  }
+  if (status != 0 && status != 1) fail("a status other than 0 or 1");
+}
+
+void checkRequestStream(int status, const std::string& text) {
+  const std::vector<std::string> answers = resultLines(text);
+  if (status != 0) fail("the request stream ended with a status other than 0");
+  if (occurrences(text, g_usage) != 0) fail("the usage text in the request stream");
+  if (answers.size() != 2) fail("not one answer per request line");
+  if (answers[0] != kFailed) fail("a missing file was not answered with the failed line");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  initProgram();
+  g_output = new Output;
+  GLTK::Console::set_sink(g_output->sink());
+  MetaReader::usage();
+  g_usage = g_output->take();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const uint8_t control = data[0];
+  const bool stream = (control & 1) != 0;
+  const int kind = (control >> 1) & 3;
+  const bool set1 = (control & 8) != 0, dump = (control & 16) != 0;
+  const bool sensorDumps = (control & 32) != 0, badDumpFolder = (control & 64) != 0;
+
+  DescriptorCheck descriptors;
+  const std::wstring file = writeInput(kNames[kind], data + 1, size - 1);
+  std::vector<std::wstring> dumps;
+  if (badDumpFolder) dumps.push_back(wide(workFile("missing/kdtd.json")));
+  if (sensorDumps) {
+    for (const char* name : {"kdtd.json", "kdtb.json", "kdtc.json"}) dumps.push_back(wide(workFile(name)));
+  }
+  int status = -1;
+  try {
+    if (stream) {
+      std::wstring request = file;
+      for (const std::wstring& dump : dumps) request += L"\t" + dump;
+      // The fuzzed request comes last: a run that ends early leaves no
+      // request unread for the next input.
+      const std::string lines = workFile("missing.mp4") + "\n" + GLTK::wchar::wcs2mbs(request).c_str() + "\n";
+      status = requestStream(lines);
+    } else {
+      std::vector<std::wstring> args;
+      const wchar_t* const options[3] = {L"-kdtd:", L"-kdtb:", L"-kdtc:"};
+      for (size_t i = 0; i < dumps.size() && i < 3; ++i) args.push_back(options[i] + dumps[i]);
+      if (set1) args.push_back(L"-set1");
+      if (dump) args.push_back(L"-dump");
+      args.push_back(file);
+      status = argumentMode(args);
+    }
+  } catch (const std::bad_function_call&) {
+    g_output->take();
+    if (kind != 0 || !endsOnBigEndianKdtg(file)) fail("std::bad_function_call without a big-endian KDTG");
+    return 0;
+  }
+  const std::string text = g_output->take();
+  // Texts from the file are printed as they stand (a model name in a
+  // message, the XML that -dump prints), so a file holding "result: " can
+  // print a line that looks like an answer; the count is not checked then.
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  if (bytes.find(kResult) != std::string_view::npos) return 0;
+  if (stream) {
+    checkRequestStream(status, text);
+  } else {
+    checkArgumentMode(status, text);
+  }
+  return 0;
+}
