@@ -1,5 +1,7 @@
 #include "report/xml_text.h"
 
+#include <string_view>
+
 std::string captureElement(const std::string& text, const std::string& name) {
   const std::string open = "<" + name + ">";
   const std::string close = "</" + name + ">";
@@ -12,8 +14,10 @@ std::string captureElement(const std::string& text, const std::string& name) {
     if (lineEnd == std::string::npos || afterOpen > lineEnd) {
       lineEnd = text.find_first_of("\r\n", afterOpen);
       if (lineEnd == std::string::npos) lineEnd = text.size();
-      lastClose = lineEnd >= close.size() ? text.rfind(close, lineEnd - close.size()) : std::string::npos;
-      if (lastClose != std::string::npos && lastClose < afterOpen) lastClose = std::string::npos;
+      // Looked up within the line only: a search that runs on towards the
+      // start of the text would make a text of many lines quadratic.
+      const size_t inLine = std::string_view(text).substr(afterOpen, lineEnd - afterOpen).rfind(close);
+      lastClose = inLine == std::string_view::npos ? std::string::npos : afterOpen + inLine;
     }
     if (lastClose == std::string::npos) continue;
     // " *" is greedy: take every blank first and give back one at a time

@@ -53,6 +53,16 @@ TEST(CaptureElement, ALongLineIsLinear) {
   EXPECT_EQ(captureElement(text, "a:b").size(), text.size() - 11);
 }
 
+TEST(CaptureElement, ManyLinesAreLinear) {
+  // Each line opens an element it does not close: looking for the closing
+  // tag must not run back over the lines before.
+  std::string text;
+  for (int i = 0; i < 100000; ++i) text += "<a:b>x\n";
+  EXPECT_EQ(captureElement(text, "a:b"), "");
+  text += "<a:b>y</a:b>";
+  EXPECT_EQ(captureElement(text, "a:b"), "y");
+}
+
 std::string viaStream(double v) {
   std::ostringstream out;
   out << v;
