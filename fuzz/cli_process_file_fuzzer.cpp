@@ -5,10 +5,10 @@
 //   bit 3     -set1        bit 4  -dump    (argument mode only)
 //   bit 5     the three sensor dump files
 //   bit 6     the gravity dump in a folder that does not exist
-// Every run must answer as specified: in argument mode exactly one result
-// line and status 0, or the usage text alone and status 1; in the request
-// stream one answer per request line. The one run allowed to end early is
-// a movie with a big-endian KDTG box holding records.
+// Every run must answer as the program promises: in argument mode exactly
+// one result line and status 0, or the usage text alone and status 1; in
+// the request stream one answer per request line. The one run allowed to
+// end early is a movie with a big-endian KDTG box holding records.
 //
 // The platform's movie description (FFmpeg) is replaced by a fake that
 // describes a movie from a few of its bytes; see describeMovie below.
