@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets and fuzzes one or all of them, one after
 # another, each for the given number of seconds (one process, so seconds of
-# wall time are seconds of CPU time).
+# wall time are about seconds of CPU time).
 #
 #   fuzz/run.sh <target|all> <seconds> [libFuzzer options...]
 #   fuzz/run.sh list
@@ -9,9 +9,10 @@
 # Targets: mp4_container, h264_avcc, exif_attach, sensor_loader,
 # cli_process_file (the fuzz/<target>_fuzzer.cpp files). Each starts from its
 # committed corpus (fuzz/corpus/<target>_fuzzer) and writes what it finds to
-# $BUILD/corpus/<target>_fuzzer; crashes, leaks, timeouts and out-of-memory
-# inputs go to $BUILD/findings/<target>_fuzzer/<time>/. Limits: 512 MB and 1 s per input. The
-# build folder is build-fuzz unless SONDEX_FUZZ_BUILD names another.
+# <build>/corpus/<target>_fuzzer; crashes, leaks, timeouts and out-of-memory
+# inputs go to <build>/findings/<target>_fuzzer/<time>/. Limits: 512 MB and
+# 1 s per input. The build folder <build> is build-fuzz unless SONDEX_FUZZ_BUILD
+# names another.
 # A summary line per target gives executions, coverage and corpus size;
 # the status is 1 when any target found something.
 set -euo pipefail
@@ -21,7 +22,7 @@ targets=(mp4_container h264_avcc exif_attach sensor_loader cli_process_file)
 build=${SONDEX_FUZZ_BUILD:-build-fuzz}
 
 usage() {
-  sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'
+  awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"
   exit 2
 }
 [ $# -ge 1 ] || usage
