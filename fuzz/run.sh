@@ -81,8 +81,9 @@ for target in "${chosen[@]}"; do
   # ASan holds freed memory in a quarantine of 256 MB by default; a smaller
   # one leaves the 512 MB limit to the program under test.
   ASAN_OPTIONS=${ASAN_OPTIONS:-quarantine_size_mb=64} TMPDIR=$scratch \
-    "$build/fuzz/$name" "$corpus" "fuzz/corpus/$name" -dict="$dict" -max_total_time="$seconds" -rss_limit_mb=512 -malloc_limit_mb=512 -timeout=1 \
-    -artifact_prefix="$findings/" -print_final_stats=1 "$@" > "$log" 2>&1 || status=$?
+    "$build/fuzz/$name" "$corpus" "fuzz/corpus/$name" -dict="$dict" -max_total_time="$seconds" \
+    -rss_limit_mb=512 -malloc_limit_mb=512 -timeout=1 -artifact_prefix="$findings/" -print_final_stats=1 \
+    "$@" > "$log" 2>&1 || status=$?
   elapsed=$(( $(date +%s) - started ))
   last=$(grep -E '^#[0-9]+' "$log" | tail -n 1 || true)
   execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
