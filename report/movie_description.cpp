@@ -53,9 +53,9 @@ bool bind(void* library, const char* name, F& function) {
 // can be described). Loaded once, by whichever thread asks first.
 const Av* av() {
   static const std::unique_ptr<Av> loaded = []() -> std::unique_ptr<Av> {
-    void* util = dlopen(SONDEX_SONAME("avutil", LIBAVUTIL_VERSION_MAJOR), RTLD_NOW | RTLD_LOCAL);
-    void* codec = dlopen(SONDEX_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR), RTLD_NOW | RTLD_LOCAL);
-    void* format = dlopen(SONDEX_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR), RTLD_NOW | RTLD_LOCAL);
+    void* util = dlopen(SONDEX_SONAME("avutil", LIBAVUTIL_VERSION_MAJOR), RTLD_LAZY | RTLD_LOCAL);
+    void* codec = dlopen(SONDEX_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR), RTLD_LAZY | RTLD_LOCAL);
+    void* format = dlopen(SONDEX_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR), RTLD_LAZY | RTLD_LOCAL);
     if (util == nullptr || codec == nullptr || format == nullptr) return nullptr;
     auto a = std::make_unique<Av>();
     const bool ok = bind(format, "av_find_input_format", a->av_find_input_format) &&

@@ -52,18 +52,19 @@ bool Sondex::probe(const std::wstring& path) {
 
 bool Sondex::start(const std::wstring& path) {
   init();
-  movie_ = std::make_unique<MP4::Container>();
-  if (!movie_->attach(path, ~0ULL)) {
-    movie_.reset();
-    return false;
-  }
   // The description opens the file on its own and decides nothing the box
-  // readers print, so it runs beside them.
+  // readers print, so it runs beside them from the start; when the file
+  // cannot be opened here its answer is not used.
   description_ = std::async(std::launch::async, [describer = describe, path]() -> std::optional<MovieDescription> {
     MovieDescription d;
     if (!describer || !describer(path, d)) return std::nullopt;
     return d;
   });
+  movie_ = std::make_unique<MP4::Container>();
+  if (!movie_->attach(path, ~0ULL)) {
+    movie_.reset();
+    return false;
+  }
   readModel(*movie_);
   readKMKN(*movie_);
   readCodec(*movie_);
