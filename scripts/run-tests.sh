@@ -1,5 +1,8 @@
 #!/usr/bin/env bash
-# Builds the project with warnings as errors and runs every test.
+# Everything CI checks: the project built with warnings as errors and every
+# test, the installed program and its Debian package, the tests again under
+# AddressSanitizer and UndefinedBehaviorSanitizer, and every fuzz corpus
+# file through every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
