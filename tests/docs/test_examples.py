@@ -20,9 +20,9 @@ SONDEX = os.path.abspath(os.environ.get("SONDEX", os.path.join(SOURCE, "build", 
 
 
 def load_driver():
-    spec = importlib.util.spec_from_file_location("driver", os.path.join(SOURCE, "examples", "driver.py"))
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("driver", os.path.join(SOURCE, "examples", "driver.py"))
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module
 
 
