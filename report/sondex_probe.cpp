@@ -8,6 +8,7 @@
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
+#include "report/describer_thread.h"
 #include "report/xml_text.h"
 #include "sensor/yaw_stabilizer.h"
 
@@ -29,6 +30,10 @@ const MP4::UUID* uuidOfType(MP4::BOX& box, const MP4::UUID::Usertype& usertype) 
 }  // namespace
 
 Sondex::Sondex() : describe(describeMovie) {}
+
+Sondex::~Sondex() {
+  if (description_.valid()) description_.wait();
+}
 
 void Sondex::init() {
   cameraVersion = 0;
@@ -55,7 +60,10 @@ bool Sondex::start(const std::wstring& path) {
   // The description opens the file on its own and decides nothing the box
   // readers print, so it runs beside them from the start; when the file
   // cannot be opened here its answer is not used.
-  description_ = std::async(std::launch::async, [describer = describe, path]() -> std::optional<MovieDescription> {
+  // A description still out from a start() whose file could not be opened
+  // is waited for, so that none is left running when the probe goes.
+  if (description_.valid()) description_.wait();
+  description_ = DescriberThread::run([describer = describe, path]() -> std::optional<MovieDescription> {
     MovieDescription d;
     if (!describer || !describer(path, d)) return std::nullopt;
     return d;

@@ -17,13 +17,13 @@
 class Sondex {
  public:
   Sondex();
-  virtual ~Sondex() = default;
+  virtual ~Sondex();
 
   void init();
   // True when the movie description could describe the movie.
   bool probe(const std::wstring& path);
   // probe() in two halves: start() reads the boxes and sets the movie
-  // description going on a thread of its own (it prints nothing), so that
+  // description going on the describer thread (it prints nothing), so that
   // the caller can get on with other reading; finish() waits for it and
   // takes the duration and bit rates. False from start(): the file could
   // not be opened, and finish() has nothing to wait for.
