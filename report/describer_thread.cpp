@@ -13,15 +13,6 @@ class Worker {
  public:
   Worker() : thread_([this] { loop(); }) {}
 
-  ~Worker() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stopping_ = true;
-    }
-    wake_.notify_one();
-    thread_.join();
-  }
-
   std::future<Result> push(std::function<Result()> work) {
     std::packaged_task<Result()> task(std::move(work));
     std::future<Result> answer = task.get_future();
@@ -39,8 +30,7 @@ class Worker {
       std::packaged_task<Result()> task;
       {
         std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-        if (queue_.empty()) return;  // stopping, and nothing left to do
+        wake_.wait(lock, [this] { return !queue_.empty(); });
         task = std::move(queue_.front());
         queue_.pop_front();
       }
@@ -51,15 +41,18 @@ class Worker {
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::packaged_task<Result()>> queue_;
-  bool stopping_ = false;
   std::thread thread_;  // last: starts once the rest is ready
 };
 
 }  // namespace
 
 std::future<Result> run(std::function<Result()> work) {
-  static Worker worker;
-  return worker.push(std::move(work));
+  // Never destroyed: the thread waits for work until the process ends. Every
+  // probe waits for its own description before it goes, so the thread is
+  // idle at exit, and ending it there would only drop what the libraries it
+  // loaded keep for it (which a leak checker then reports).
+  static Worker* const worker = new Worker;
+  return worker->push(std::move(work));
 }
 
 }  // namespace DescriberThread

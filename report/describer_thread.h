@@ -15,8 +15,8 @@ namespace DescriberThread {
 using Result = std::optional<MovieDescription>;
 
 // Queues the work behind what is already queued and returns its answer to
-// come. The thread starts with the first call and is joined at exit, after
-// it has finished everything queued.
+// come. The thread starts with the first call and lives as long as the
+// process.
 std::future<Result> run(std::function<Result()> work);
 
 }  // namespace DescriberThread
