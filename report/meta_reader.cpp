@@ -57,7 +57,8 @@ bool MetaReader::parse(const wchar_t* file) {
       ecompassSamplingRate = compassLog_->samplingRate;
       gravity_ = AccelSensorStreamEmbed::retimedGravity(movie);
       topBottomCorrectionSamplingRate = gravity_->samplingRate;
-      // Its divisor (the pace below) only fills fields nothing reads.
+      // Its divisor only fills fields nothing here reads, so it need not
+      // wait for the pace, which comes with the movie's description.
       sensors.loadGen2(movie, 30);
     } catch (...) {
       failure = std::current_exception();
@@ -78,8 +79,6 @@ bool MetaReader::parse(const wchar_t* file) {
 
   // Sensor logs are paced at 30 or 15 per second depending on the movie.
   const int pace = probe.frameRate > 29.0f ? 30 : 15;
-  sensors.divisor = pace;
-  sensors.step = 30 / pace;
   const auto mode =
       VideoStabilizationMode::yawMode(static_cast<ExifParser::VIDEO_STABILIZATION>(probe.record.stabilize));
   // An upside-down camera turns the other way about the vertical axis.

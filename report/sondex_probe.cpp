@@ -59,9 +59,8 @@ bool Sondex::start(const std::wstring& path) {
   init();
   // The description opens the file on its own and decides nothing the box
   // readers print, so it runs beside them from the start; when the file
-  // cannot be opened here its answer is not used.
-  // A description still out from a start() whose file could not be opened
-  // is waited for, so that none is left running when the probe goes.
+  // cannot be opened here its answer is not used (but still waited for,
+  // below or when the probe goes, so that none outlives its probe).
   if (description_.valid()) description_.wait();
   description_ = DescriberThread::run([describer = describe, path]() -> std::optional<MovieDescription> {
     MovieDescription d;
