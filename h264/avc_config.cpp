@@ -1,5 +1,9 @@
 #include "h264/avc_config.h"
 
+#include <utility>
+
+#include "h264/nal_unit.h"
+
 // ------------------------------------------------------------ avcC record
 
 void AVCC::parse(GolombBitStream& stream) {
@@ -36,8 +40,19 @@ void AVCC::to_s(GolombBitStream& stream) {
 
 void AVCC::sps_parse(SPS& sps) const {
   GolombBitStream stream;
-  stream.attach(sequenceParameterSets.entries.at(0).bytes);
+  stream.attach(h264::nal_to_rbsp(sequenceParameterSets.entries.at(0).bytes));
   sps.parse(stream);
+}
+
+bool AVCC::sps_assign(SPS& sps) {
+  ParameterSet& first = sequenceParameterSets.entries.at(0);
+  GolombBitStream stream;
+  sps.to_s(stream);
+  ByteArray nal = h264::rbsp_to_nal(stream.bytes());
+  if (nal.size() > 0xFFFF) return false;
+  first.length = static_cast<uint16_t>(nal.size());
+  first.bytes = std::move(nal);
+  return true;
 }
 
 // --------------------------------------------------- sequence parameter set
@@ -85,6 +100,16 @@ void SPS::process_stream(GolombBitStream& s, bool write) {
   vui_parameters_present_flag.process(s, write);
   if (vui_parameters_present_flag == 1) vui.process(s, write);
   rbsp_stop_one_bit.process(s, write);
+  if (write) {
+    // The stored alignment bits fit only where the stop bit still is.
+    const int fill = s.bits_held() == 0 ? 0 : 8 - s.bits_held();
+    s.write_bits(fill == rbsp_alignment_count ? rbsp_alignment_bits : 0, fill);
+    s.write_bytes(rbsp_trailing_bytes);
+  } else {
+    rbsp_alignment_count = s.bits_held();
+    rbsp_alignment_bits = s.read_bits(rbsp_alignment_count).value;
+    s.read_bytes(static_cast<size_t>(s.remaining()), rbsp_trailing_bytes);
+  }
 }
 
 bool HighProfileSpec::present_for(uint32_t profile_idc) {

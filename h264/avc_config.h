@@ -8,8 +8,9 @@
 // from a cleared structure; a cleared structure holds 0 in every element and
 // empty queues, and those are the values an absent part is written with.
 //
-// The SPS bytes are taken as they stand in the record: emulation-prevention
-// bytes are neither removed on reading nor inserted on writing.
+// The SPS model reads and writes the raw byte sequence payload (RBSP); the
+// record's entries are NAL unit bytes, so AVCC takes the emulation-prevention
+// bytes out before an SPS is parsed and puts them back when it is written.
 #pragma once
 
 #include <array>
@@ -167,6 +168,12 @@ class SPS : public GolombStreamStructure {
   BitData<1> vui_parameters_present_flag;
   VUI vui;
   BitData<1> rbsp_stop_one_bit;
+  // What follows the stop bit: the alignment bits of its byte (zeros in a
+  // conforming SPS) and any further bytes, carried as they stand so that an
+  // SPS writes back whole.
+  uint32_t rbsp_alignment_bits = 0;
+  int rbsp_alignment_count = 0;
+  ByteArray rbsp_trailing_bytes;
 };
 
 // The avcC payload: header bytes, the parameter-set lists and whatever
@@ -178,9 +185,13 @@ class AVCC : public GolombStreamEntity {
   // Writing takes the entries out of the lists: a parsed record is written
   // once.
   void to_s(GolombBitStream& stream) override;
-  // Parses the first SPS of the list into sps; std::out_of_range when the
-  // list is empty.
+  // Parses the first SPS of the list (its RBSP) into sps; std::out_of_range
+  // when the list is empty.
   void sps_parse(SPS& sps) const;
+  // Writes sps as the NAL unit bytes of the first SPS entry; false when it
+  // would not fit the entry's 16-bit length. std::out_of_range when the list
+  // is empty.
+  bool sps_assign(SPS& sps);
 
   uint8_t configurationVersion = 0;
   uint8_t AVCProfileIndication = 0;

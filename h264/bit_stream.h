@@ -12,7 +12,8 @@
 //                           not on a byte boundary
 //   "too log golomb sream"  a code longer than 31 bits
 // Nothing is rolled back: what was consumed before a failure stays consumed.
-// Emulation-prevention bytes are neither removed nor inserted.
+// The bytes are taken as they are: emulation-prevention bytes are dealt
+// with by the callers (nal_unit.h).
 #pragma once
 
 #include <cstddef>
@@ -48,6 +49,9 @@ class BitStream {
   void read_bytes(size_t n, ByteArray& out);
   // Bytes not yet consumed (bits held in the accumulator not counted).
   uint64_t remaining() const { return pending_.size() - head_; }
+  // Bits held between bytes: for a reader, those of the current byte not yet
+  // read; for a writer, those of a byte not yet complete.
+  int bits_held() const { return held_; }
 
   // ---- writing
 

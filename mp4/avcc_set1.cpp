@@ -75,15 +75,9 @@ bool AVCC::assign_fullRange_and_constrained_set1_flag(ByteArray& out, bool fullR
   sps.vui.video_full_range_flag = fullRange ? 1 : 0;
   sps.constraint_set1_flag = 1;
 
-  GolombBitStream spsStream;
-  sps.to_s(spsStream);
-  const ByteArray& spsBytes = spsStream.bytes();
   // The record stores each length in 16 bits; a longer SPS cannot be
   // written (only a nearly 64 KiB SPS that gained a VUI gets here).
-  if (spsBytes.size() > 0xFFFF) return false;
-  ParameterSet& first = record.sequenceParameterSets.entries.at(0);
-  first.bytes = spsBytes;
-  first.length = static_cast<uint16_t>(spsBytes.size());
+  if (!record.sps_assign(sps)) return false;
 
   GolombBitStream recordStream;
   record.to_s(recordStream);
