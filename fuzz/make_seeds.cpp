@@ -104,8 +104,8 @@ int main(int argc, char** argv) {
   quaternions.rate(30).add(Orientation{1, 0, 0, 0, 1000});
 
   // Movies: small ffmpeg movies with the camera's boxes, and hand-made ones
-  // whose SPS has no emulation-prevention bytes, so that the -set1 rewrite
-  // can take place (profile 66, constraint_set1_flag 0).
+  // whose SPS makes the -set1 rewrite take place (profile 66,
+  // constraint_set1_flag 0).
   const Bytes baseline = ffmpegMovie("-vf scale=64:32 -c:v libx264 -profile:v baseline -pix_fmt yuv420p -crf 51", 0.1);
   const Bytes high = ffmpegMovie("-vf scale=64:32 -c:v libx264 -profile:v high -pix_fmt yuv420p -crf 51", 0.1);
   CameraBoxes boxes;

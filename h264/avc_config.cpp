@@ -139,21 +139,20 @@ void HighProfileSpec::process_stream(GolombBitStream& s, bool write) {
 
 void ScalingList::process_stream(GolombBitStream& s, bool write, int size) {
   if (!write) clear();
-  int lastScale = 8;
-  int nextScale = 8;
-  for (int j = 0; j < size; ++j) {
-    if (nextScale == 0) continue;
-    int32_t delta;
+  int64_t lastScale = 8;
+  int64_t nextScale = 8;
+  // A list ends early where nextScale reaches 0 (the rest repeats the last
+  // scale), so only that many deltas are in the stream.
+  for (int j = 0; j < size && nextScale != 0; ++j) {
+    uint32_t code;
     if (write) {
-      delta = delta_scale.at(j);
-      s.write_golombs(delta);
+      code = delta_scale.at(j);
+      s.write_golomb(code);
     } else {
-      delta = s.read_golombs();
-      delta_scale.push_back(delta);
+      code = s.read_golomb();
+      delta_scale.push_back(code);
     }
-    // The deltas are those of this program's signed mapping, so the list
-    // ends (nextScale 0) where that mapping makes it end.
-    nextScale = ((lastScale + delta) % 256 + 256) % 256;
+    nextScale = ((lastScale + signed_value(code)) % 256 + 256) % 256;
     if (nextScale != 0) lastScale = nextScale;
   }
 }

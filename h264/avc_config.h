@@ -32,15 +32,20 @@ class GolombStreamStructure : public GolombStreamEntity {
   virtual void process_stream(GolombBitStream& stream, bool write) = 0;
 };
 
-// One scaling list: the delta_scale values as read (signed codes); the
+// One scaling list: the code numbers of its delta_scale values (se(v)),
+// carried as they are read so that they write back bit for bit; the
 // coefficients themselves are not kept.
 class ScalingList {
  public:
   void clear() { delta_scale.clear(); }
   // size is 16 or 64 coefficients.
   void process_stream(GolombBitStream& stream, bool write, int size);
+  // The signed value of an se(v) code number: 0, 1, -1, 2, -2, ...
+  static int64_t signed_value(uint32_t code) {
+    return code % 2 == 1 ? (static_cast<int64_t>(code) + 1) / 2 : -static_cast<int64_t>(code / 2);
+  }
 
-  std::vector<int32_t> delta_scale;
+  std::vector<uint32_t> delta_scale;
 };
 
 // The part of the SPS that the high profiles add after seq_parameter_set_id.

@@ -142,14 +142,6 @@ uint32_t GolombBitStream::read_golomb() {
   return b.value - 1;
 }
 
-int32_t GolombBitStream::read_golombs() {
-  // Not the H.264 se() mapping (odd codes are negative here, and 1 reads as
-  // 0): streams written by this program must read back as they always have.
-  const uint32_t k = read_golomb();
-  if (k % 2 == 0) return static_cast<int32_t>(k / 2);
-  return -static_cast<int32_t>(k >> 1);
-}
-
 void GolombBitStream::write_golomb(uint32_t v) {
   const Bits code = encode(v);
   if (code.value == 0) {  // v = 0xFFFFFFFF: 32 zeros, a one, 32 zeros
@@ -159,12 +151,4 @@ void GolombBitStream::write_golomb(uint32_t v) {
     return;
   }
   write_bits(code.value, code.count);
-}
-
-void GolombBitStream::write_golombs(int32_t v) {
-  // 0, -1, 1, -2, 2 become code numbers 0, 1, 2, 3, 4: the reverse of the
-  // reading above only for values >= 0 (a negative value read and written
-  // back moves up by one).
-  const uint32_t twice = static_cast<uint32_t>(v) * 2;
-  write_golomb(v >= 0 ? twice : ~twice);
 }

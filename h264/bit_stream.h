@@ -3,8 +3,8 @@
 // A BitStream is a byte queue with a bit-level front and back: reading
 // consumes bits or bytes from the front of the attached bytes, writing
 // appends bits or bytes at the back. Bits go most significant first.
-// GolombBitStream adds the exp-Golomb codes (unsigned, and a signed variant
-// of this program's own).
+// GolombBitStream adds the unsigned exp-Golomb codes (ue); the model keeps
+// signed values (se) as their code numbers.
 //
 // Failures are thrown as bare message strings (const char*):
 //   "no more data"          the input is exhausted
@@ -88,7 +88,5 @@ class GolombBitStream : public BitStream {
   static uint32_t decode(const Bits& b);
 
   uint32_t read_golomb();
-  int32_t read_golombs();
   void write_golomb(uint32_t v);
-  void write_golombs(int32_t v);
 };

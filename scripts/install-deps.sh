@@ -13,7 +13,7 @@ packages=(
   # benchmarks and fuzzing
   libbenchmark-dev clang libclang-rt-14-dev
   # documentation checks, the sensor plot and the Debian package
-  groff-base gnuplot-nox dpkg-dev
+  groff-base gnuplot-nox dpkg-dev file
 )
 
 missing=()

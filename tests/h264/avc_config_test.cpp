@@ -61,21 +61,20 @@ TEST(SPS, PictureOrderType1OffsetsAreCarriedAndWrittenOnce) {
   EXPECT_THROW(model.to_s(again), std::out_of_range);  // the offsets were taken out
 }
 
-TEST(SPS, ScalingListsKeepTheirDeltasInTheSignedMapping) {
-  // List 0 (16 coefficients): codes 2, 3, 17 read as +1, -1, -8, which
-  // brings the scale to 0 and ends the list. List 6 (64): code 1 reads as
-  // 0, then 63 codes 0. 4:4:4 would have 12 flags instead of 8.
+TEST(SPS, ScalingListsEndWhereTheirScaleReachesZeroAndWriteBackWhole) {
+  // List 0 (16 coefficients): codes 2, 3, 18 are -1, +2, -9, which brings
+  // the scale from 8 to 0 and ends the list. List 6 (64): code 1 (+1), then
+  // 63 codes 0. 4:4:4 would have 12 flags instead of 8.
   const auto withLists = [](const std::string& list0, const std::string& list6) {
     return sps::header(100) + "010 1 1 0 1 " + "1 " + list0 + "0 0 0 0 0 " + "1 " + list6 + "0 " + sps::kBody +
            sps::tail();
   };
-  const std::string ones63(63, '1');
-  SPS model = parsed(withLists("011 00100 000010010 ", "010 " + ones63));
-  EXPECT_EQ(model.highProfileSpec.scaling_list[0].delta_scale, (std::vector<int32_t>{1, -1, -8}));
-  EXPECT_EQ(model.highProfileSpec.scaling_list[6].delta_scale, std::vector<int32_t>(64, 0));
+  const std::string bits = withLists("011 00100 000010011 ", "010 " + std::string(63, '1'));
+  SPS model = parsed(bits);
+  EXPECT_EQ(model.highProfileSpec.scaling_list[0].delta_scale, (std::vector<uint32_t>{2, 3, 18}));
+  EXPECT_EQ(model.highProfileSpec.scaling_list[6].delta_scale.size(), 64u);
   EXPECT_EQ(model.pic_width_in_mbs_minus1, 19u);
-  // Written back -1 becomes code 1, -8 code 15 and the 0 code 0.
-  EXPECT_EQ(written(model), hexOf(fromBits(withLists("011 010 000010000 ", "1 " + ones63))));
+  EXPECT_EQ(written(model), hexOf(fromBits(bits)));
 
   model.highProfileSpec.scaling_list[0].delta_scale.pop_back();
   EXPECT_THROW(written(model), std::out_of_range);

@@ -66,13 +66,13 @@ TEST_F(AvccBox, AnSpsWithoutVuiGetsOneWithOnlyTheVideoSignalType) {
   EXPECT_TRUE(set1);
   EXPECT_TRUE(full);
 
-  // The same for a High SPS whose scaling list has negative deltas: -1
-  // (code 3) and -7 (code 15) come back as codes 1 and 13.
+  // The same for a High SPS with a scaling list (+2, then -10, which ends
+  // it): its codes come back as they were.
   const auto high = [](const std::string& flags, const std::string& list, const std::string& vui) {
     return sps::header(100, flags) + "010 1 1 0 1 1 " + list + "0000000 " + sps::kBody + sps::tail(vui);
   };
-  EXPECT_EQ(assign(record(high("0000", "00100 000010000 ", "")), false),
-            record(high("0100", "010 0001110 ", "0 0 1 101 0 0 0 0 0 0 0 0 "), true));
+  EXPECT_EQ(assign(record(high("0000", "00100 000010101 ", "")), false),
+            record(high("0100", "00100 000010101 ", "0 0 1 101 0 0 0 0 0 0 0 0 "), true));
 }
 
 TEST_F(AvccBox, OnlyTheFlagsAndAComponentVideoFormatChange) {
