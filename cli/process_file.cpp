@@ -38,15 +38,18 @@ bool processStill(const wchar_t* path, bool isDNG, bool dump) {
 }
 
 // The constrained-set1 rule for an H.264 movie: Baseline movies whose flag
-// is 0 are rewritten; the others are reported as they are.
-void applySet1(MetaReader& reader, const wchar_t* path, bool& ok) {
-  const bool flag = reader.constrainedSet1Flag;
-  const unsigned profile = reader.profileIdc;
+// is 0 are rewritten and then read again by a fresh reader, so that the
+// report comes from the rewritten file alone; the others are reported as
+// they are.
+void applySet1(std::unique_ptr<MetaReader>& reader, const wchar_t* path, bool& ok) {
+  const bool flag = reader->constrainedSet1Flag;
+  const unsigned profile = reader->profileIdc;
   if (profile == 66 && !flag) {
     MP4::Container movie;
-    if (movie.attach(path, ~0ULL) && movie.appendFullRangeAndConstrainedSet1Flag(reader.fullRange)) {
+    if (movie.attach(path, ~0ULL) && movie.appendFullRangeAndConstrainedSet1Flag(reader->fullRange)) {
       GLTK::Console::out(L"set constrained_set1_flag to 1.\n");
-      ok = reader.parse(path);
+      reader = std::make_unique<MetaReader>();
+      ok = reader->parse(path);
     }
     return;
   }
@@ -92,7 +95,7 @@ bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kd
   auto reader = std::make_unique<MetaReader>();
   bool ok = reader->parse(path);
 
-  if (set1 && ok && reader->probe.codec == 1) applySet1(*reader, path, ok);
+  if (set1 && ok && reader->probe.codec == 1) applySet1(reader, path, ok);
 
   if (kdtdPath != nullptr && ok) {
     size_t next = 0;

@@ -29,8 +29,9 @@ int keep_off_zero(int fd) {
   return moved < 0 ? 0 : moved;
 }
 
-bool run(const std::wstring& path, int mode, const std::function<void(FileIO&)>& callback) {
-  FileIO file(path, mode);
+bool run(const std::wstring& path, int mode, const std::function<void(FileIO&)>& callback,
+         unsigned permissions = 0644) {
+  FileIO file(path, mode, permissions);
   if (!file.is_open()) return false;
   if (FileIO_show_process_file_name) Console::out(L"processing %ls ...\n", path.c_str());
   callback(file);
@@ -38,13 +39,15 @@ bool run(const std::wstring& path, int mode, const std::function<void(FileIO&)>&
 }
 }  // namespace
 
-FileIO::FileIO(const std::wstring& path_, int mode_) : path(path_), mode(mode_) {
+FileIO::FileIO(const std::wstring& path_, int mode_, unsigned permissions) : path(path_), mode(mode_) {
   const std::string name = wchar::wcs2mbs(path_);
   int fd;
   if (mode_ == 'a') {
     fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
   } else if (mode_ == 'w') {
-    fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, permissions);
+  } else if (mode_ == 'x') {
+    fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, permissions);
   } else {
     fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
   }
@@ -131,6 +134,10 @@ bool FileIO::open_w(const std::wstring& path, const std::function<void(FileIO&)>
 
 bool FileIO::open_a(const std::wstring& path, const std::function<void(FileIO&)>& callback) {
   return run(path, 'a', callback);
+}
+
+bool FileIO::open_x(const std::wstring& path, unsigned permissions, const std::function<void(FileIO&)>& callback) {
+  return run(path, 'x', callback, permissions);
 }
 
 bool FileIO::exist(const std::wstring& path) {

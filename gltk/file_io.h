@@ -11,9 +11,11 @@ namespace GLTK {
 
 class FileIO {
  public:
-  // mode 'r' reads, 'w' creates or truncates for writing, 'a' opens an
-  // existing file for reading and writing in place.
-  FileIO(const std::wstring& path, int mode);
+  // mode 'r' reads, 'w' creates or truncates for writing, 'x' creates a
+  // new file for writing (never an existing file or a link), 'a' opens an
+  // existing file for reading and writing in place. permissions are those
+  // of a created file.
+  FileIO(const std::wstring& path, int mode, unsigned permissions = 0644);
   virtual ~FileIO();
   FileIO(const FileIO&) = delete;
   FileIO& operator=(const FileIO&) = delete;
@@ -39,6 +41,7 @@ class FileIO {
   static bool open(const std::wstring& path, const std::function<void(FileIO&)>& callback);
   static bool open_w(const std::wstring& path, const std::function<void(FileIO&)>& callback);
   static bool open_a(const std::wstring& path, const std::function<void(FileIO&)>& callback);
+  static bool open_x(const std::wstring& path, unsigned permissions, const std::function<void(FileIO&)>& callback);
   static bool exist(const std::wstring& path);
   static bool rename(const std::wstring& from, const std::wstring& to);
   static bool unlink(const std::wstring& path);

@@ -46,8 +46,9 @@ class Container {
   // Rebuilds the file through a temporary copy: copy writes the new file
   // (and tells up to where the new file's tree may be parsed for fixBefore),
   // then fixBefore and fixAfter patch it; the copy replaces the source with
-  // one atomic rename once it is on disk. The source is never changed when
-  // any step fails.
+  // one atomic rename once it is on disk. The temporary file is always a new
+  // one (an existing file or link of its name fails the rebuild). The source
+  // is never changed when any step fails.
   bool modifyContainer(const wchar_t* name,
                        const std::function<bool(BinFile& src, BinFile& dst, uint64_t& parseLimit)>& copy,
                        const std::function<bool(Container&, BinFile&)>& fixBefore,
@@ -64,8 +65,9 @@ class Container {
   bool modifySpatialTrakSTCOIndex(BinFile& f, int64_t delta);
   bool modifySTCOIndexImpl(const std::string& prefix, BinFile& f, int64_t delta);
   // Gives the video track's avcC constraint_set1_flag 1 and the requested
-  // full-range flag, in place when the new record fits, in the user data's
-  // space when that follows the record, else by rebuilding the file.
+  // full-range flag: in place when the new box has the old one's length,
+  // else by appending a rewritten movie box and retiring the old one when
+  // the file's top-level boxes allow it, else by rebuilding the file.
   bool appendFullRangeAndConstrainedSet1Flag(bool fullRange);
 
   // Results worked out from this parse of the file (sensor logs and the

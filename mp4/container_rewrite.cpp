@@ -1,6 +1,7 @@
-// Rewriting a movie file: in place when the new bytes fit, otherwise through
-// a temporary copy that replaces the source in one atomic rename once it is
-// safely on disk.
+// Rewriting a movie file: in place when the new bytes fit, by appending a
+// new movie box and retiring the old one when the file allows it, otherwise
+// through a temporary copy that replaces the source in one atomic rename
+// once it is safely on disk. No rewrite drops anything from the file.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,14 +35,6 @@ uint64_t getBE(const uint8_t* in, int bytes) {
 }
 
 bool writeAll(BinFile& f, const uint8_t* data, uint64_t n) { return n == 0 || f.write(data, n) == n; }
-
-bool writeZeros(BinFile& f, uint64_t n) {
-  const std::vector<uint8_t> zeros(static_cast<size_t>(std::min(n, kCopyBlock)), 0);
-  for (; n > 0; n -= std::min<uint64_t>(n, zeros.size())) {
-    if (!writeAll(f, zeros.data(), std::min<uint64_t>(n, zeros.size()))) return false;
-  }
-  return true;
-}
 
 // Copies exactly n bytes from src to dst at their positions; a short read
 // or write fails (the copy never writes bytes it did not read).
@@ -90,24 +83,6 @@ bool modifyIndex(BinFile& f, Table& table, int64_t delta) {
   return writeAll(f, bytes.data(), bytes.size());
 }
 
-// The first sequence parameter set of an avcC record, or an empty span.
-std::pair<const uint8_t*, size_t> firstSps(const uint8_t* record, uint64_t n) {
-  if (n < 8 || (record[5] & 31) == 0) return {nullptr, 0};
-  const size_t length = static_cast<size_t>(record[6]) << 8 | record[7];
-  if (length > n - 8) return {nullptr, 0};
-  return {record + 8, length};
-}
-
-// True when the bytes hold 00 00 0x (x <= 3): an emulation-prevention byte
-// on reading, or a sequence that would need one on writing.
-bool needsEscaping(std::pair<const uint8_t*, size_t> bytes) {
-  const auto [p, n] = bytes;
-  for (size_t i = 0; i + 2 < n; ++i) {
-    if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] <= 3) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 bool Container::modifyContainer(const wchar_t* name, const std::function<bool(BinFile&)>& edit) {
@@ -130,11 +105,14 @@ bool Container::modifyContainer(const wchar_t* name,
   bool ok = false;
   uint64_t parseLimit = 0;
   mode_t mode = 0644;
+  bool created = false;  // only a file made here is deleted on failure
 
   GLTK::FileIO::open(path, [&](GLTK::FileIO& source) {
     struct stat st;
     if (fstat(source.fd(), &st) == 0) mode = st.st_mode & 07777;
-    GLTK::FileIO::open_w(temporary, [&](GLTK::FileIO& target) {
+    // A new file only: whatever stands under the temporary name (a file of
+    // the user's, a link) is neither truncated nor followed, nor deleted.
+    created = GLTK::FileIO::open_x(temporary, (mode & 0777) | 0600, [&](GLTK::FileIO& target) {
       BinFile src(source);
       BinFile dst(target);
       ok = copy(src, dst, parseLimit);
@@ -169,7 +147,7 @@ bool Container::modifyContainer(const wchar_t* name,
   if (!ok) {
     GLTK::Console::out(L"Container::modifyContainer::%ls(%ls to %ls) failed.\n", name, path.c_str(),
                        temporary.c_str());
-    GLTK::FileIO::unlink(temporary);
+    if (created) GLTK::FileIO::unlink(temporary);
   }
   attach(path, ~0ULL);
   return ok;
@@ -230,14 +208,17 @@ bool Container::modifySTCOIndexImpl(const std::string& prefix, BinFile& f, int64
   return found && ok;
 }
 
-bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
-  ByteArray newBox;
+namespace {
+
+// The avcC box (header and record) that gives the video track's record
+// constrained_set1_flag 1 and the requested full-range flag, in newBox.
+// Returns the old box, or null when there is none or nothing to change.
+// With several video tracks the last one visited decides.
+AVCC* rewrittenAvcc(const Container& movie, bool fullRange, ByteArray& newBox) {
   AVCC* avcc = nullptr;
-  bool unsafe = false;
-  find("moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](BOX& box) {
+  movie.find("moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](BOX& box) {
     avcc = dynamic_cast<AVCC*>(&box);
     newBox.clear();
-    unsafe = false;
     if (avcc == nullptr) return false;
     ByteArray record;
     bool wasFullRange = false;
@@ -252,13 +233,7 @@ bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
     if (assigned) {
       GLTK::Console::out(L"Container::appendFullRangeAndConstrainedSet1Flag: %d - %d, constrained_set1_flag:  %d - 1\n",
                          wasFullRange, fullRange, wasConstrainedSet1);
-      // The SPS is rewritten bit for bit as it stands in the record, with
-      // no emulation-prevention bytes taken out or put in; where the old or
-      // the new SPS holds such a sequence, the new record would not decode
-      // as intended, so the movie is left as it is.
-      unsafe = needsEscaping(firstSps(avcc->payload.data(), avcc->payload.size())) ||
-               needsEscaping(firstSps(record.data(), record.size()));
-      if (!unsafe && (wasFullRange != fullRange || !wasConstrainedSet1)) {
+      if (wasFullRange != fullRange || !wasConstrainedSet1) {
         uint8_t header[8];
         putBE(header, record.size() + 8, 4);
         std::memcpy(header + 4, "avcC", 4);
@@ -266,75 +241,181 @@ bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
         newBox.append(record);
       }
     }
-    // Ends the walk within this sample description only: with several
-    // video tracks the last one visited decides.
+    // Ends the walk within this sample description only.
     return false;
   });
-  if (unsafe) {
-    GLTK::Console::out(L"Container::appendFullRangeAndConstrainedSet1Flag: emulation prevention in SPS, not rewritten.\n");
-    return false;
-  }
-  if (newBox.empty() || avcc == nullptr) return true;
+  return newBox.empty() ? nullptr : avcc;
+}
 
-  BOX& record = *avcc;
-  const int64_t delta = static_cast<int64_t>(newBox.size()) - static_cast<int64_t>(record.size);
-  if (delta == 0) {
-    return modifyContainer(L"appendFullRangeAndConstrainedSet1Flag_EnoughSpaces", [&](BinFile& f) {
-      f.seek_set(record.start);
-      f.write(newBox.data(), newBox.size());
-      return true;
-    });
-  }
+int64_t growth(const BOX& avcc, const ByteArray& newBox) {
+  return static_cast<int64_t>(newBox.size()) - static_cast<int64_t>(avcc.size);
+}
 
-  BOX* udta = nullptr;
-  find("moov.udta", [&](BOX& box) {
-    udta = &box;
+// The new box has the old one's length: written over it.
+bool rewriteInPlace(Container& movie, const BOX& avcc, const ByteArray& newBox) {
+  return movie.modifyContainer(L"appendFullRangeAndConstrainedSet1Flag_EnoughSpaces", [&](BinFile& f) {
+    f.seek_set(avcc.start);
+    f.write(newBox.data(), newBox.size());
+    return true;
+  });
+}
+
+// A movie box appended at the end can take the old one's place only when
+// the top-level boxes, read straight from the file, tile it exactly (every
+// size real, none running "to the end of the file", the last box ending
+// where the file ends), the movie box is the only one and holds the record,
+// and the movie has no fragments.
+bool canAppendMovie(const Container& movie, const BOX& avcc) {
+  bool tiles = false;
+  movie.open([&](GLTK::FileIO& file) {
+    BinFile f(file);
+    const uint64_t length = f.length();
+    int movies = 0;
+    for (uint64_t at = 0; at < length;) {
+      uint8_t header[16];
+      const uint64_t want = std::min<uint64_t>(sizeof header, length - at);
+      if (want < 8 || !f.seek_set(at) || f.read(header, want) != want) return;
+      uint64_t size = getBE(header, 4);
+      uint64_t headerSize = 8;
+      if (size == 1 && want == 16) {
+        size = getBE(header + 8, 8);
+        headerSize = 16;
+      }
+      if (size < headerSize || size > length - at || std::memcmp(header + 4, "moof", 4) == 0) return;
+      movies += std::memcmp(header + 4, "moov", 4) == 0 ? 1 : 0;
+      at += size;
+    }
+    tiles = movies == 1;
+  });
+  bool fragmented = false;
+  movie.find("moov.mvex", [&](BOX&) {
+    fragmented = true;
     return false;
   });
-  // The user data can give up its space when it follows the record, lies
-  // in the file (the free box that replaces it is written out whole, so a
-  // size claiming more than the file would grow the file by the claim) and
-  // leaves room for that box's 8-byte header.
-  const uint64_t fileLength = root != nullptr ? root->size : 0;
-  if (udta != nullptr && record.start < udta->start && record.end() <= udta->start &&
-      udta->start <= fileLength && udta->size <= fileLength - udta->start &&
-      (delta < 0 || udta->size >= static_cast<uint64_t>(delta)) &&
-      static_cast<int64_t>(udta->size) - delta >= 8) {
-    BOX& userData = *udta;
-    return modifyContainer(L"appendFullRangeAndConstrainedSet1Flag_ReuseUdta", [&](BinFile& f) {
-      // The user data (maker note, sensor logs) is given up for a free box
-      // so that the file keeps its length and no chunk offset moves.
-      const uint64_t fillerSize = userData.size - static_cast<uint64_t>(delta);
-      std::vector<uint8_t> between(static_cast<size_t>(userData.start - record.end()));
-      f.seek_set(record.end());
-      if (f.read(between.data(), between.size()) != between.size()) return false;
-      uint8_t freeHeader[8];
-      putBE(freeHeader, fillerSize, 4);
-      std::memcpy(freeHeader + 4, "free", 4);
-      f.seek_set(record.start);
-      if (!writeAll(f, newBox.data(), newBox.size()) || !writeAll(f, between.data(), between.size()) ||
-          !writeAll(f, freeHeader, sizeof freeHeader) || !writeZeros(f, fillerSize - sizeof freeHeader)) {
-        return false;
-      }
-      BOX* top = nullptr;
-      for (BOX* b = record.parent; b != nullptr && b->depth >= 0; b = b->parent) {
-        b->writeSize(f, b->size + delta);
-        top = b;
-      }
-      // The movie box keeps its length: the free box absorbed the change.
-      if (top != nullptr) top->writeSize(f, top->size);
-      return true;
-    });
-  }
+  return tiles && !fragmented && movie.moov != nullptr && avcc.end() <= movie.moov->end();
+}
 
-  return insertBox(
-      L"appendFullRangeAndConstrainedSet1Flag_NoSpaces", record, true,
-      [&](BinFile& dst) { return writeAll(dst, newBox.data(), newBox.size()); },
-      [&](Container&, BinFile& f) { return modifyBoxSize(f, record, delta); },
-      [&](Container& rebuilt, BinFile& f) {
-        if (mdat == nullptr || moov == nullptr || mdat->start <= moov->start) return true;
-        return rebuilt.modifySTCOIndex(f, delta);
+// Append and retire: the movie box with the new record (and every size
+// above the record fixed) is written after the file's last box and flushed
+// to disk; only then does the old movie box turn into free space, by one
+// 4-byte write of its type. The media data stays where it is, so no chunk
+// offset changes, and at every moment the first movie box in the file is
+// complete. An append that fails or stops short is cut off again, leaving
+// the file as it was.
+bool appendMovie(Container& movie, const BOX& avcc, const ByteArray& newBox) {
+  const BOX& moov = *movie.moov;
+  const int64_t delta = growth(avcc, newBox);
+  return movie.modifyContainer(L"appendFullRangeAndConstrainedSet1Flag_AppendMovie", [&](BinFile& f) {
+    std::vector<uint8_t> box(static_cast<size_t>(moov.size));
+    if (!f.seek_set(moov.start) || f.read(box.data(), box.size()) != box.size()) return false;
+    for (const BOX* b = avcc.parent; b != nullptr && b->depth >= 0; b = b->parent) {
+      uint8_t* header = &box[static_cast<size_t>(b->start - moov.start)];
+      if (b->largeSize) {
+        putBE(header + 8, b->size + delta, 8);
+      } else {
+        putBE(header, b->size + delta, 4);
+      }
+    }
+    const auto old = box.erase(box.begin() + static_cast<ptrdiff_t>(avcc.start - moov.start),
+                               box.begin() + static_cast<ptrdiff_t>(avcc.end() - moov.start));
+    box.insert(old, newBox.data(), newBox.data() + newBox.size());
+
+    const uint64_t length = f.length();
+    const uint8_t retired[4] = {'f', 'r', 'e', 'e'};
+    if (!f.seek_set(length) || !writeAll(f, box.data(), box.size()) || !f.sync() || !f.seek_set(moov.start + 4) ||
+        !writeAll(f, retired, sizeof retired)) {
+      // The old movie box is still the one in use: the appended bytes go.
+      if (ftruncate(f.fd(), static_cast<off_t>(length)) == 0) f.sync();
+      return false;
+    }
+    // Both movie boxes are whole now: whichever of the two states reaches
+    // the disk, a reader meets a complete movie box first.
+    return f.sync();
+  });
+}
+
+// Calls visit(type, start, size) for each box from start to end, reading
+// their headers from the file; a box that does not fit ends the walk.
+void eachBox(BinFile& f, uint64_t start, uint64_t end,
+             const std::function<void(const std::string&, uint64_t, uint64_t)>& visit) {
+  for (uint64_t at = start; at < end && end - at >= 8;) {
+    uint8_t header[8];
+    if (!f.seek_set(at) || f.read(header, 8) != 8) return;
+    const uint64_t size = getBE(header, 4);
+    if (size < 8 || size > end - at) return;
+    visit(std::string(reinterpret_cast<const char*>(header + 4), 4), at, size);
+    at += size;
+  }
+}
+
+// Movie fragments hold absolute file offsets of their own: the base data
+// offset a track fragment header may carry, and the fragment offsets of the
+// random-access index. Those at or behind from move by delta.
+bool shiftFragmentOffsets(const Container& rebuilt, BinFile& f, uint64_t from, int64_t delta) {
+  bool ok = true;
+  auto shift = [&](uint64_t at, uint64_t width) {
+    uint8_t bytes[8];
+    if (!f.seek_set(at) || f.read(bytes, width) != width) {
+      ok = false;
+      return;
+    }
+    const uint64_t offset = getBE(bytes, static_cast<int>(width));
+    if (offset < from) return;
+    putBE(bytes, offset + static_cast<uint64_t>(delta), static_cast<int>(width));
+    ok = f.seek_set(at) && writeAll(f, bytes, width) && ok;
+  };
+  for (const BOX* top : rebuilt.root->children) {
+    const uint64_t payload = top->start + (top->largeSize ? 16 : 8);
+    if (top->type == code("moof")) {
+      eachBox(f, payload, top->end(), [&](const std::string& type, uint64_t traf, uint64_t size) {
+        if (type != "traf") return;
+        eachBox(f, traf + 8, traf + size, [&](const std::string& type, uint64_t tfhd, uint64_t size) {
+          uint8_t flags[4];
+          if (type == "tfhd" && size >= 24 && f.seek_set(tfhd + 8) && f.read(flags, 4) == 4 && (flags[3] & 1)) {
+            shift(tfhd + 16, 8);
+          }
+        });
       });
+    } else if (top->type == code("mfra")) {
+      eachBox(f, payload, top->end(), [&](const std::string& type, uint64_t tfra, uint64_t size) {
+        uint8_t head[16];
+        if (type != "tfra" || size < 24 || !f.seek_set(tfra + 8) || f.read(head, 16) != 16) return;
+        const uint64_t width = head[0] == 1 ? 8 : 4;
+        const uint64_t entry = 2 * width + (head[11] >> 4 & 3) + (head[11] >> 2 & 3) + (head[11] & 3) + 3;
+        const uint64_t count = std::min<uint64_t>(getBE(head + 12, 4), (size - 24) / entry);
+        for (uint64_t i = 0; i < count; ++i) shift(tfra + 24 + i * entry + width, width);
+      });
+    }
+  }
+  return ok;
+}
+
+// The file is rebuilt through a temporary copy with the new box in place
+// of the old; the sizes above it change by the difference, and so do the
+// chunk offsets when the media data follows the movie box and the fragment
+// offsets that point behind the old box.
+bool rebuild(Container& movie, BOX& avcc, const ByteArray& newBox) {
+  const int64_t delta = growth(avcc, newBox);
+  const uint64_t from = avcc.end();
+  const bool mediaFollows = movie.mdat != nullptr && movie.moov != nullptr && movie.mdat->start > movie.moov->start;
+  return movie.insertBox(
+      L"appendFullRangeAndConstrainedSet1Flag_NoSpaces", avcc, true,
+      [&](BinFile& dst) { return writeAll(dst, newBox.data(), newBox.size()); },
+      [&](Container&, BinFile& f) { return movie.modifyBoxSize(f, avcc, delta); },
+      [&](Container& rebuilt, BinFile& f) {
+        return (!mediaFollows || rebuilt.modifySTCOIndex(f, delta)) && shiftFragmentOffsets(rebuilt, f, from, delta);
+      });
+}
+
+}  // namespace
+
+bool Container::appendFullRangeAndConstrainedSet1Flag(bool fullRange) {
+  ByteArray newBox;
+  AVCC* avcc = rewrittenAvcc(*this, fullRange, newBox);
+  if (avcc == nullptr) return true;
+  if (growth(*avcc, newBox) == 0) return rewriteInPlace(*this, *avcc, newBox);
+  if (canAppendMovie(*this, *avcc)) return appendMovie(*this, *avcc, newBox);
+  return rebuild(*this, *avcc, newBox);
 }
 
 }  // namespace MP4

@@ -133,23 +133,18 @@ TEST_F(RebuildFault, TemporaryFileCannotBeCreated) {
   std::filesystem::create_directory(dir_.file("movie.mp4.tmp.mp4"));
   ConsoleCapture capture;
   EXPECT_FALSE(rebuild([](BinFile&) { return true; }));
-  EXPECT_EQ(capture.text(), "open(" + dir_.file("movie.mp4.tmp.mp4") + ", 'w') failed.\n" + failureLine());
+  EXPECT_EQ(capture.text(), "open(" + dir_.file("movie.mp4.tmp.mp4") + ", 'x') failed.\n" + failureLine());
   EXPECT_EQ(readFile(dir_.file("movie.mp4")), original_);
 }
 
-TEST_F(RebuildFault, WritingTheNewBytesFails) {
-  ConsoleCapture capture;
-  EXPECT_FALSE(rebuild([](BinFile&) { return false; }));
-  EXPECT_EQ(capture.text(), failureLine());
-  expectUntouched();
-}
-
-TEST_F(RebuildFault, AFixStepFails) {
-  ConsoleCapture capture;
-  EXPECT_FALSE(rebuild([](BinFile&) { return true; }, [](Container&, BinFile&) { return false; }));
-  EXPECT_EQ(capture.text(), failureLine());
-  expectUntouched();
-  EXPECT_NE(movie_->moov, nullptr);  // attached again to the untouched source
+TEST_F(RebuildFault, WritingTheNewBytesOrAFixStepFails) {
+  for (const bool writeFails : {true, false}) {
+    ConsoleCapture capture;
+    EXPECT_FALSE(rebuild([&](BinFile&) { return !writeFails; }, [](Container&, BinFile&) { return false; }));
+    EXPECT_EQ(capture.text(), failureLine());
+    expectUntouched();
+    EXPECT_NE(movie_->moov, nullptr);  // attached again to the untouched source
+  }
 }
 
 TEST_F(RebuildFault, TheSourceEndsBeforeItsBoxes) {
@@ -284,8 +279,7 @@ TEST(ModifySTCOIndex, NoTableIsAFailure) {
 
 // ------------------------------------------------------------ the -set1 rewrite
 
-TEST(AppendFullRangeAndConstrainedSet1Flag, AUserDataBoxClaimingMoreThanTheFileIsNotGivenUp) {
-  TempDir dir;
+TEST(AppendFullRangeAndConstrainedSet1Flag, AppendsAMovieBoxOnlyWhenTheTopLevelBoxesTileTheFile) {
   // A Baseline SPS with constraint_set1_flag 0 and no VUI: the record grows.
   const ByteArray sps = fromBits(sps::baseline());
   const Bytes record = ByteWriter()
@@ -295,23 +289,48 @@ TEST(AppendFullRangeAndConstrainedSet1Flag, AUserDataBoxClaimingMoreThanTheFileI
                            .bytes({1, 0, 2, 0x68, 0xCE})
                            .data();
   const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(64, 32).child(Box("avcC").bytes(record)));
-  // The user data follows the record but claims a megabyte the file lacks:
-  // giving it up for a free box of its claimed size would grow the file by
-  // that much, so the file is rebuilt instead.
-  const Bytes before = concat({Box("ftyp").str("isom").build(), Box("mdat").str("DATA").build(),
-                               Box("moov").child(videoTrak(64, 32, stsd)).child(Box("udta").rawSize(1 << 20)).build()});
-  auto movie = attachBytes(dir, before);
-  const uint64_t oldSize = findFirst(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC")->size;
-  ASSERT_TRUE(movie->appendFullRangeAndConstrainedSet1Flag(false));
-
-  auto* avcc = findTyped<MP4::AVCC>(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC");
-  ASSERT_NE(avcc, nullptr);
-  unsigned char profile = 0;
-  bool set1 = false, fullRange = true;
-  ASSERT_TRUE(avcc->get_profile_idc_and_constrained_set1_flag(profile, set1, fullRange));
-  EXPECT_TRUE(set1);
-  EXPECT_EQ(readFile(dir.file("movie.mp4")).size(), before.size() + avcc->size - oldSize);
-  EXPECT_NE(findFirst(*movie, "moov.udta"), nullptr);
+  auto moov = [&](const Box& extra) {
+    return Box("moov").child(videoTrak(64, 32, stsd)).child(extra).child(Box("udta").child(Box("KMKN").str("note"))).build();
+  };
+  const Bytes ftyp = Box("ftyp").str("isom").build();
+  const Bytes mdat = Box("mdat").str("DATA").build();
+  const Bytes movie = moov(Box("skip"));
+  const struct {
+    const char* name;
+    Bytes file;
+    bool appends;
+  } cases[] = {
+      {"tiled", concat({ftyp, mdat, movie}), true},
+      {"tiled, movie first", concat({ftyp, movie, mdat}), true},
+      {"tiled, 64-bit media size", concat({ftyp, Box("mdat").largeSize().str("DATA").build(), movie}), true},
+      {"bytes after the last box", concat({ftyp, mdat, movie, Bytes{0}}), false},
+      {"last box running to the end", concat({ftyp, mdat, movie, Box("free").rawSize(0).zeros(4).build()}), false},
+      {"last box claiming more than the file", concat({ftyp, mdat, movie, Box("free").rawSize(1 << 20).build()}), false},
+      {"two movie boxes", concat({ftyp, mdat, movie, movie}), false},
+      {"movie fragment", concat({ftyp, mdat, movie, Box("moof").build()}), false},
+      {"fragmented movie box", concat({ftyp, mdat, moov(Box("mvex"))}), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    auto container = attachBytes(dir, c.file);
+    const uint64_t moovAt = container->moov->start;
+    const uint64_t moovSize = container->moov->size;
+    ASSERT_TRUE(container->appendFullRangeAndConstrainedSet1Flag(false));
+    const Bytes after = readFile(dir.file("movie.mp4"));
+    // Appended: the old movie box is free space and the file grew by a
+    // whole movie box; rebuilt: it grew by the record's growth only.
+    EXPECT_EQ(std::string(after.begin() + moovAt + 4, after.begin() + moovAt + 8), c.appends ? "free" : "moov");
+    EXPECT_EQ(after.size() > c.file.size() + moovSize, c.appends);
+    EXPECT_EQ(container->moov->start, c.appends ? c.file.size() : moovAt);
+    // (With two movie boxes, the record of the last one is rewritten.)
+    auto* avcc = dynamic_cast<MP4::AVCC*>(findAll(*container, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC").back());
+    unsigned char profile = 0;
+    bool set1 = false, fullRange = true;
+    ASSERT_TRUE(avcc->get_profile_idc_and_constrained_set1_flag(profile, set1, fullRange));
+    EXPECT_TRUE(set1);
+    EXPECT_NE(findFirst(*container, "moov.udta.KMKN"), nullptr);
+  }
 }
 
 }  // namespace
