@@ -1,6 +1,11 @@
 #include "cli/process_file.h"
 
+#include <sys/stat.h>
+
+#include <cmath>
 #include <cwchar>
+#include <exception>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -85,12 +90,29 @@ void dumpMakerNotes(const MetaReader& reader, const wchar_t* path) {
   GLTK::Console::out(L"%ls\n", GLTK::wchar::mbs2wcs(reader.probe.xmpPacket).c_str());
 }
 
-}  // namespace
+// A dump path that names the source file itself, by any spelling or link,
+// would replace the movie with samples: all of them are checked before any
+// file is opened for writing.
+bool dumpsSpareTheSource(const wchar_t* path, std::initializer_list<const wchar_t*> dumps) {
+  struct stat source;
+  if (::stat(GLTK::wchar::wcs2mbs(path).c_str(), &source) != 0) return true;  // reading it will fail and say so
+  bool spared = true;
+  for (const wchar_t* dump : dumps) {
+    struct stat target;
+    if (dump == nullptr || ::stat(GLTK::wchar::wcs2mbs(dump).c_str(), &target) != 0) continue;
+    if (target.st_dev == source.st_dev && target.st_ino == source.st_ino) {
+      GLTK::Console::out(L"dump file %ls is the source file, not written.\n", dump);
+      spared = false;
+    }
+  }
+  return spared;
+}
 
-bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kdtbPath, const wchar_t* kdtcPath,
-                 bool set1, bool dump) {
+bool readAndReport(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kdtbPath, const wchar_t* kdtcPath,
+                   bool set1, bool dump) {
   const Kind kind = kindOf(path);
   if (kind != Kind::Movie) return processStill(path, kind == Kind::Dng, dump);
+  if (!dumpsSpareTheSource(path, {kdtdPath, kdtbPath, kdtcPath})) return false;
 
   auto reader = std::make_unique<MetaReader>();
   bool ok = reader->parse(path);
@@ -101,7 +123,14 @@ bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kd
     size_t next = 0;
     const std::vector<float>& yaw = reader->yawStabilizer.table();
     ok = reader->dumpXYZT(reader->gravitySamples(), kdtdPath, [&](std::ostream& out) {
-      if (next < yaw.size()) out << ",\"yaw\":" << yaw[next++];
+      if (next >= yaw.size()) return;
+      const float value = yaw[next++];
+      out << ",\"yaw\":";
+      if (std::isfinite(value)) {
+        out << value;
+      } else {
+        out << "null";
+      }
     });
   }
   if (kdtbPath != nullptr && ok) ok = reader->dumpXYZT(reader->gyroSamples(), kdtbPath, [](std::ostream&) {});
@@ -111,4 +140,26 @@ bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kd
   reader->dumpToJSON();
   if (dump) dumpMakerNotes(*reader, path);
   return true;
+}
+
+}  // namespace
+
+bool guardedRequest(const wchar_t* path, const std::function<bool()>& request) {
+  std::wstring failure;
+  try {
+    return request();
+  } catch (const std::exception& e) {
+    failure = GLTK::wchar::mbs2wcs(e.what());
+  } catch (const char* text) {
+    failure = GLTK::wchar::mbs2wcs(text);
+  } catch (...) {
+    failure = L"unknown exception";
+  }
+  GLTK::Console::out(L"processFile(%ls) failed: %ls.\n", path, failure.c_str());
+  return false;
+}
+
+bool processFile(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kdtbPath, const wchar_t* kdtcPath,
+                 bool set1, bool dump) {
+  return guardedRequest(path, [&] { return readAndReport(path, kdtdPath, kdtbPath, kdtcPath, set1, dump); });
 }

@@ -65,9 +65,10 @@ def request_line(fields):
     return line, None
 
 
-# The report is one-line JSON, but texts are blanked rather than escaped and
-# a damaged movie header prints the C library's inf and nan. Both are
-# repaired here so that such a line still yields its other values.
+# The report is one-line JSON. A line that does not parse (written by another
+# build of the program, say) is repaired as far as it can be: the words inf
+# and nan become null and every backslash is taken as text, so that such a
+# line still yields its other values.
 _NON_NUMBER = re.compile(r':(-?(?:inf|nan))(?=[,}])')
 
 

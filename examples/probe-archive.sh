@@ -14,8 +14,8 @@
 # a result line too. Each path is therefore followed by a fence: a request
 # for a still that does not exist, under a random name, answered by its open
 # failure and a failed result. A path's answer is the last result line before
-# its fence. A file during which sondex ends (it aborts on one kind of damaged
-# sensor box) gets {"status":"no answer"}, written by this script, and its
+# its fence. A file during which sondex ends (killed or crashed) gets
+# {"status":"no answer"}, written by this script, and its
 # share goes on with a new sondex. Paths a request line cannot carry (a tab,
 # carriage return or line feed in the name, a name that is not UTF-8, more
 # than 4095 characters) are listed on standard error and left out.

@@ -7,8 +7,8 @@
 //   bit 6     the gravity dump in a folder that does not exist
 // Every run must answer as the program promises: in argument mode exactly
 // one result line and status 0, or the usage text alone and status 1; in
-// the request stream one answer per request line. The one run allowed to
-// end early is a movie with a big-endian KDTG box holding records.
+// the request stream one answer per request line; every result line a JSON
+// object and every dump file a JSON array; no exception out of any reading.
 //
 // The platform's movie description (FFmpeg) is replaced by a fake that
 // describes a movie from a few of its bytes; see describeMovie below.
@@ -35,6 +35,16 @@ using namespace sondex::fuzz;
 
 namespace {
 
+// The file's bytes; false when it cannot be opened.
+bool readWhole(const std::string& path, std::string& bytes) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char block[65536];
+  for (ssize_t n; (n = read(fd, block, sizeof block)) > 0;) bytes.append(block, static_cast<size_t>(n));
+  close(fd);
+  return true;
+}
+
 uint32_t be32At(const std::string& bytes, size_t at) {
   if (at > bytes.size() || bytes.size() - at < 4) return 0;
   const auto* p = reinterpret_cast<const unsigned char*>(bytes.data() + at);
@@ -57,11 +67,7 @@ uint32_t fieldAfter(const std::string& bytes, const char* code, size_t distance)
 // first sample duration. Decoding is what it leaves out.
 bool describeMovie(const std::wstring& path, MovieDescription& out) {
   std::string bytes;
-  const int fd = open(GLTK::wchar::wcs2mbs(path).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char block[65536];
-  for (ssize_t n; (n = read(fd, block, sizeof block)) > 0;) bytes.append(block, static_cast<size_t>(n));
-  close(fd);
+  if (!readWhole(GLTK::wchar::wcs2mbs(path), bytes)) return false;
   const uint32_t width = fieldAfter(bytes, "tkhd", 80) >> 16, height = fieldAfter(bytes, "tkhd", 84) >> 16;
   const uint32_t timeScale = fieldAfter(bytes, "mdhd", 16), delta = fieldAfter(bytes, "stts", 16);
   if (width == 0 || height == 0) return false;
@@ -104,6 +110,7 @@ std::string g_usage;
 const char* const kNames[4] = {"in.mp4", "in.jpg", "in.dng", "in.JPEG"};
 const std::string kResult = "result: ";
 const std::string kFailed = "result: {\"status\":\"failed\"}";
+const char* const kDumpNames[3] = {"kdtd.json", "kdtb.json", "kdtc.json"};
 
 // The lines that begin with "result: ", in order.
 std::vector<std::string> resultLines(const std::string& text) {
@@ -196,37 +203,46 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::wstring> dumps;
   if (badDumpFolder) dumps.push_back(wide(workFile("missing/kdtd.json")));
   if (sensorDumps) {
-    for (const char* name : {"kdtd.json", "kdtb.json", "kdtc.json"}) dumps.push_back(wide(workFile(name)));
+    for (const char* name : kDumpNames) dumps.push_back(wide(workFile(name)));
   }
+  // Dump files of an earlier input must not pass for this one's.
+  for (const char* name : kDumpNames) std::remove(workFile(name).c_str());
   int status = -1;
-  try {
-    if (stream) {
-      std::wstring request = file;
-      for (const std::wstring& dump : dumps) request += L"\t" + dump;
-      // The fuzzed request comes last: a run that ends early leaves no
-      // request unread for the next input.
-      const std::string lines = workFile("missing.mp4") + "\n" + GLTK::wchar::wcs2mbs(request).c_str() + "\n";
-      status = requestStream(lines);
-    } else {
-      std::vector<std::wstring> args;
-      const wchar_t* const options[3] = {L"-kdtd:", L"-kdtb:", L"-kdtc:"};
-      for (size_t i = 0; i < dumps.size() && i < 3; ++i) args.push_back(options[i] + dumps[i]);
-      if (set1) args.push_back(L"-set1");
-      if (dump) args.push_back(L"-dump");
-      args.push_back(file);
-      status = argumentMode(args);
-    }
-  } catch (const std::bad_function_call&) {
-    g_output->take();
-    if (kind != 0 || !endsOnBigEndianKdtg(file)) fail("std::bad_function_call without a big-endian KDTG");
-    return 0;
+  if (stream) {
+    std::wstring request = file;
+    for (const std::wstring& dump : dumps) request += L"\t" + dump;
+    const std::string lines = workFile("missing.mp4") + "\n" + GLTK::wchar::wcs2mbs(request).c_str() + "\n";
+    status = requestStream(lines);
+  } else {
+    std::vector<std::wstring> args;
+    const wchar_t* const options[3] = {L"-kdtd:", L"-kdtb:", L"-kdtc:"};
+    for (size_t i = 0; i < dumps.size() && i < 3; ++i) args.push_back(options[i] + dumps[i]);
+    if (set1) args.push_back(L"-set1");
+    if (dump) args.push_back(L"-dump");
+    args.push_back(file);
+    status = argumentMode(args);
   }
   const std::string text = g_output->take();
+  // What reading a file throws is answered as a failed request; for the
+  // fuzzer it is a finding all the same.
+  if (text.find("processFile(" + GLTK::wchar::wcs2mbs(file) + ") failed: ") != std::string::npos) {
+    fail("an exception escaped the reading of a file");
+  }
+  for (const char* name : kDumpNames) {
+    std::string json;
+    if (readWhole(workFile(name), json) && (!json.starts_with('[') || !isJson(json))) {
+      fail("a dump file that is not a JSON array");
+    }
+  }
   // Texts from the file are printed as they stand (a model name in a
   // message, the XML that -dump prints), so a file holding "result: " can
-  // print a line that looks like an answer; the count is not checked then.
+  // print a line that looks like an answer; the lines are not checked then.
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   if (bytes.find(kResult) != std::string_view::npos) return 0;
+  for (const std::string& line : resultLines(text)) {
+    const std::string_view object = std::string_view(line).substr(kResult.size());
+    if (!object.starts_with('{') || !isJson(object)) fail("a result line that is not a JSON object");
+  }
   if (stream) {
     checkRequestStream(status, text);
   } else {

@@ -3,15 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <vector>
 
 #include "gltk/console.h"
 #include "gltk/wchar.h"
-#include "mp4/container.h"
-#include "sensor/accel_sensor_stream.h"
 
 namespace sondex::fuzz {
 
@@ -91,21 +89,110 @@ DescriptorCheck::~DescriptorCheck() {
   if (lowestFreeDescriptor() != lowestFree_) fail("a file descriptor was left open");
 }
 
-bool endsOnBigEndianKdtg(const std::wstring& path) {
-  FILE* const previous = GLTK::Console::sink();
-  GLTK::Console::set_sink(nullDevice());
-  bool swapped = false;
-  MP4::Container movie;
-  if (movie.attach(path, ~0ULL)) {
-    std::vector<uint64_t> stamps;
-    uint16_t rate = 0;
-    // The loader with a fix-up that only notes that it was needed.
-    AccelSensorStreamEmbed::loadGen2_KDTx<uint64_t>(movie, "KDTG", stamps, rate,
-                                                    [&swapped](uint64_t&) { swapped = true; });
+namespace {
+
+class JsonCheck {
+ public:
+  explicit JsonCheck(std::string_view text) : text_(text) {}
+  bool whole() {
+    if (!value(0)) return false;
+    space();
+    return at_ == text_.size();
   }
-  GLTK::Console::set_sink(previous);
-  return swapped;
-}
+
+ private:
+  bool more() const { return at_ < text_.size(); }
+  char next() const { return more() ? text_[at_] : '\0'; }  // no caller looks for '\0'
+  void space() {
+    while (more() && std::string_view(" \t\n\r").find(text_[at_]) != std::string_view::npos) ++at_;
+  }
+  bool take(char c) {
+    space();
+    if (next() != c) return false;
+    ++at_;
+    return true;
+  }
+  bool digits() {
+    const size_t start = at_;
+    while (more() && std::isdigit(static_cast<unsigned char>(text_[at_]))) ++at_;
+    return at_ > start;
+  }
+  bool number() {
+    if (next() == '-') ++at_;
+    if (next() == '0') {
+      ++at_;
+    } else if (!digits()) {
+      return false;
+    }
+    if (next() == '.') {
+      ++at_;
+      if (!digits()) return false;
+    }
+    if (next() == 'e' || next() == 'E') {
+      ++at_;
+      if (next() == '+' || next() == '-') ++at_;
+      if (!digits()) return false;
+    }
+    return true;
+  }
+  // From just behind the opening quote to just behind the closing one.
+  bool string() {
+    while (more()) {
+      const unsigned char c = static_cast<unsigned char>(text_[at_++]);
+      if (c == '"') return true;
+      if (c < 0x20 || (c == '\\' && !escape())) return false;
+    }
+    return false;
+  }
+  bool escape() {
+    if (!more()) return false;
+    const char e = text_[at_++];
+    if (e != 'u') return e != '\0' && std::string_view("\"\\/bfnrt").find(e) != std::string_view::npos;
+    for (int i = 0; i < 4; ++i, ++at_) {
+      if (!more() || !std::isxdigit(static_cast<unsigned char>(text_[at_]))) return false;
+    }
+    return true;
+  }
+  bool word(std::string_view w) {
+    if (text_.substr(at_, w.size()) != w) return false;
+    at_ += w.size();
+    return true;
+  }
+  bool value(int depth) {
+    space();
+    if (depth > 256 || !more()) return false;
+    const char c = text_[at_];
+    if (c == '{') {
+      ++at_;
+      if (take('}')) return true;
+      do {
+        if (!take('"') || !string() || !take(':') || !value(depth + 1)) return false;
+      } while (take(','));
+      return take('}');
+    }
+    if (c == '[') {
+      ++at_;
+      if (take(']')) return true;
+      do {
+        if (!value(depth + 1)) return false;
+      } while (take(','));
+      return take(']');
+    }
+    if (c == '"') {
+      ++at_;
+      return string();
+    }
+    if (c == '-' || std::isdigit(static_cast<unsigned char>(c))) return number();
+    return word("true") || word("false") || word("null");
+  }
+
+  std::string_view text_;
+  size_t at_ = 0;
+};
+
+}  // namespace
+
+bool isJson(std::string_view text) { return JsonCheck(text).whole(); }
 
 void fail(const char* what) {
   std::fprintf(stderr, "==sondex-fuzz== %s\n", what);

@@ -1,12 +1,12 @@
 // What the fuzz targets share: a private folder for the files they hand to
 // the program (which opens files by path), quiet console output, a check
-// that a run left no file descriptor open, and the recognition of the one
-// input that is meant to end the program.
+// that a run left no file descriptor open, and a strict check of JSON text.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace sondex::fuzz {
 
@@ -36,11 +36,10 @@ class DescriptorCheck {
   int lowestFree_;
 };
 
-// True when the movie holds a "moov.udta.KDTG" box marked 0x3210 with at
-// least one record: the loader has no byte-order fix-up for it, and the
-// program ends there with std::bad_function_call, by design. Console output
-// of the check goes to the null device.
-bool endsOnBigEndianKdtg(const std::wstring& path);
+// True when the text is one JSON value (objects, arrays, strings with their
+// escapes, numbers, true, false, null; no NaN or Infinity) with nothing but
+// white space around it.
+bool isJson(std::string_view text);
 
 // Prints the reason and aborts, so that the fuzzer keeps the input.
 [[noreturn]] void fail(const char* what);

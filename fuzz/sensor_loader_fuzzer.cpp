@@ -83,11 +83,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::wstring path = writeInput("sensors.mp4", bytes.data(), bytes.size());
   MP4::Container movie;
   if (!movie.attach(path, ~0ULL)) fail("cannot attach the input");
-  try {
-    readSensors(movie, data[0], bytes.size());
-  } catch (const std::bad_function_call&) {
-    // The one deliberate end of the program; anything else is a finding.
-    if (!endsOnBigEndianKdtg(path)) fail("std::bad_function_call without a big-endian KDTG");
-  }
+  readSensors(movie, data[0], bytes.size());
   return 0;
 }

@@ -1,5 +1,8 @@
-// The sensor sample dump files: a JSON array, one object per line. Objects
-// are formatted into one buffer and written in large blocks.
+// The sensor sample dump files: a JSON array, one object per line (an
+// empty stream gives "[]"). Objects are formatted into one buffer and
+// written in large blocks.
+#include <sys/stat.h>
+
 #include <cmath>
 #include <streambuf>
 
@@ -31,7 +34,14 @@ class AppendBuf : public std::streambuf {
   std::string& out_;
 };
 
-void appendAxis(std::string& out, float v) { numtext::append(out, v); }
+// JSON has no infinities or non-numbers: such a value is written as null.
+void appendAxis(std::string& out, float v) {
+  if (std::isfinite(v)) {
+    numtext::append(out, v);
+  } else {
+    out += "null";
+  }
+}
 void appendAxis(std::string& out, int16_t v) { numtext::appendInteger(out, static_cast<int>(v)); }
 
 void flush(GLTK::FileIO& file, std::string& text) {
@@ -45,24 +55,32 @@ template <class T>
 bool MetaReader::dumpXYZT(std::vector<T> samples, const std::wstring& file,
                           std::function<void(std::ostream&)> extra) {
   return GLTK::FileIO::open_w(file, [&](GLTK::FileIO& out) {
-    std::string text = "[";
-    AppendBuf buf(text);
-    std::ostream stream(&buf);
-    for (size_t i = 0; i < samples.size(); ++i) {
-      const T& s = samples[i];
-      text += "{\"x\":";
-      appendAxis(text, s.x);
-      text += ",\"y\":";
-      appendAxis(text, s.y);
-      text += ",\"z\":";
-      appendAxis(text, s.z);
-      if (extra) extra(stream);
-      text += ",\"timestamp\":";
-      numtext::appendInteger(text, s.t);
-      text += i + 1 < samples.size() ? "},\n" : "}]\n";
-      if (text.size() >= kFlushAt) flush(out, text);
+    try {
+      std::string text = samples.empty() ? "[]\n" : "[";
+      AppendBuf buf(text);
+      std::ostream stream(&buf);
+      for (size_t i = 0; i < samples.size(); ++i) {
+        const T& s = samples[i];
+        text += "{\"x\":";
+        appendAxis(text, s.x);
+        text += ",\"y\":";
+        appendAxis(text, s.y);
+        text += ",\"z\":";
+        appendAxis(text, s.z);
+        if (extra) extra(stream);
+        text += ",\"timestamp\":";
+        numtext::appendInteger(text, s.t);
+        text += i + 1 < samples.size() ? "},\n" : "}]\n";
+        if (text.size() >= kFlushAt) flush(out, text);
+      }
+      flush(out, text);
+    } catch (...) {
+      // Half an array is not JSON: a file cut short by a failure is removed
+      // (unless it is not a plain file, such as a pipe the caller named).
+      struct stat written;
+      if (fstat(out.fd(), &written) == 0 && S_ISREG(written.st_mode)) GLTK::FileIO::unlink(file);
+      throw;
     }
-    flush(out, text);
   });
 }
 

@@ -36,8 +36,10 @@ void recordTexts(std::wostringstream& tail, const ExifParser::ZEPRA& record) {
   quotedIfPresent(tail, L", \"cameraSerial\":", record.cameraSerial);
 }
 
+// A value that is not finite (absent, or damaged into an infinity) has no
+// JSON number and is left out.
 void floatIfPresent(std::wostringstream& tail, const wchar_t* key, float value) {
-  if (!std::isnan(value)) tail << key << value;
+  if (std::isfinite(value)) tail << key << value;
 }
 
 constexpr int32_t kAbsent = -1;  // a setting whose tag the maker note lacks
@@ -47,8 +49,9 @@ constexpr int32_t kAbsent = -1;  // a setting whose tag the maker note lacks
 std::wstring toJsonValueL(const std::string& text) {
   std::string blanked(text.c_str());
   for (char& c : blanked) {
-    // Signed on purpose: every byte above 0x7F becomes a blank too.
-    if (c == '"' || static_cast<signed char>(c) < 32) c = ' ';
+    // Nothing is escaped: what JSON would need escaped becomes a blank, and
+    // (signed on purpose) so does every byte above 0x7F.
+    if (c == '"' || c == '\\' || c == 0x7F || static_cast<signed char>(c) < 32) c = ' ';
   }
   std::wstring wide = GLTK::wchar::mbs2wcs(blanked);
   while (!wide.empty() && std::iswspace(static_cast<wint_t>(wide.back()))) wide.pop_back();
@@ -94,12 +97,14 @@ void MetaReader::dumpToJSON() const {
   if (record.vQuality == 1) tail << L", \"videoQuality\":\"normal\"";
   if (record.vQuality == 2) tail << L", \"videoQuality\":\"fine\"";
 
+  // A movie header with a zero time scale gives a duration that is not
+  // finite; like its bit rate, it prints as 0.
+  const double duration = std::isfinite(probe.duration) ? probe.duration : 0.0;
   GLTK::Console::out(
       L"result: {\"status\":\"succeed\", \"hasKDTD\":%ls, \"type\":\"%ls\", \"codec\":\"%ls\", \"decodable\":%ls, "
       L"\"hasSpatialSound\":%ls, \"hasSA3DSound\":%ls, \"duration\":%0.2f, \"videoBitRate\":%u%ls}\n",
       yesNo(!gravitySamples().empty()), type, codec, yesNo(probe.width >= 1), yesNo(hasSpatialSound),
-      yesNo(hasSA3DSound), static_cast<double>(probe.duration), bitRateField(probe.videoBitRate),
-      tail.str().c_str());
+      yesNo(hasSA3DSound), duration, bitRateField(probe.videoBitRate), tail.str().c_str());
 }
 
 void MetaReader::dumpToJSON_still(bool isDNG) const {

@@ -3,7 +3,6 @@
 // size, spatial-audio flags and avcC flags.
 #include "report/meta_reader.h"
 
-#include <exception>
 #include <limits>
 #include <stdexcept>
 
@@ -43,34 +42,22 @@ bool MetaReader::parse(const wchar_t* file) {
   const std::string openingText = opening.release();
   GLTK::Console::Capture ahead;
   AccelSensorStreamEmbed sensors;
-  // A failure that ends the run (a big-endian KDTG box) must end it after
-  // the lines that would have come before it, and not at all for a movie
-  // that is not read that far.
-  std::exception_ptr failure;
   if (opened) {
-    try {
-      gyroLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Gyro>(
-          movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Gyro>);
-      gyroSamplingRate = gyroLog_->samplingRate;
-      compassLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Ecompass>(
-          movie, "KDTC", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Ecompass>);
-      ecompassSamplingRate = compassLog_->samplingRate;
-      gravity_ = AccelSensorStreamEmbed::retimedGravity(movie);
-      topBottomCorrectionSamplingRate = gravity_->samplingRate;
-      // Its divisor only fills fields nothing here reads, so it need not
-      // wait for the pace, which comes with the movie's description.
-      sensors.loadGen2(movie, 30);
-    } catch (...) {
-      failure = std::current_exception();
-    }
+    gyroLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Gyro>(
+        movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Gyro>);
+    gyroSamplingRate = gyroLog_->samplingRate;
+    compassLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Ecompass>(
+        movie, "KDTC", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Ecompass>);
+    ecompassSamplingRate = compassLog_->samplingRate;
+    gravity_ = AccelSensorStreamEmbed::retimedGravity(movie);
+    topBottomCorrectionSamplingRate = gravity_->samplingRate;
+    // Its divisor only fills fields nothing here reads, so it need not
+    // wait for the pace, which comes with the movie's description.
+    sensors.loadGen2(movie, 30);
   }
   const std::string aheadText = ahead.release();
   const bool ok = probe.finish();
   GLTK::Console::write(openingText);
-  if (opened && ok && failure) {
-    GLTK::Console::write(aheadText);
-    std::rethrow_exception(failure);
-  }
   if (!opened || !ok) {
     dropSamples();
     return ok;

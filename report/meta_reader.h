@@ -79,7 +79,7 @@ class MetaReader {
   std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> gravity_;
 };
 
-// Widens and blanks a text for the report: quotes and control bytes (and,
-// as signed bytes, everything above 0x7F) become blanks; trailing white
-// space is trimmed; the result is in double quotes.
+// Widens and blanks a text for the report: double quotes, backslashes and
+// control bytes (and, as signed bytes, everything above 0x7F) become
+// blanks; trailing white space is trimmed; the result is in double quotes.
 std::wstring toJsonValueL(const std::string& text);

@@ -128,8 +128,8 @@ class AccelSensorStreamEmbed {
   // A failed check prints one line and leaves out empty. Only records that
   // lie wholly inside both the box and the file are kept, so a count that
   // slips through the 32-bit length check never sizes a buffer beyond the
-  // bytes that are really there. An empty swap with a 0x3210 box that has
-  // records throws std::bad_function_call.
+  // bytes that are really there. A 0x3210 box with records but no swap
+  // routine prints one line and loads as a box without records.
   template <class T>
   static void loadGen2_KDTx(MP4::Container& movie, const char* code, std::vector<T>& out, uint16_t& samplingRate,
                             std::function<void(T&)> swap);

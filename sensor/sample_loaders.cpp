@@ -124,9 +124,16 @@ void AccelSensorStreamEmbed::checkHeader(MP4::Container& movie, const MP4::BOX& 
     const uint64_t fileLength = file.length();
     uint64_t count = std::min<uint64_t>(entryCount, (size - kHeaderSize) / recordSize);
     count = std::min<uint64_t>(count, fileLength > first ? (fileLength - first) / recordSize : 0);
+    // The timestamp box has no byte-order fix-up, and none is guessed: a
+    // big-endian one counts as a box without records.
+    log.bigEndian_ = endian == kBigEndianMark;
+    if (log.bigEndian_ && !log.swap_ && count > 0) {
+      Console::out(L"%ls: byte order %04X not supported, box read as empty.\n", name.c_str(),
+                   static_cast<unsigned>(endian));
+      count = 0;
+    }
     log.first_ = first;
     log.count_ = count;
-    log.bigEndian_ = endian == kBigEndianMark;
   });
 }
 
@@ -141,8 +148,7 @@ const std::vector<T>& AccelSensorStreamEmbed::SampleLog<T>::records() const {
         records.resize(readFully(file, records.data(), count_ * sizeof(T)) / sizeof(T));
       });
     }
-    // A box marked 0x3210 has each record byte-reversed; the timestamp box
-    // has no routine for that, and its first record ends the run.
+    // A box marked 0x3210 has each record byte-reversed.
     if (bigEndian_) {
       for (T& record : records) swap_(record);
     }
@@ -200,7 +206,7 @@ void AccelSensorStreamEmbed::loadGen2_KDTI(MP4::Container& movie, std::vector<Ya
 
 void AccelSensorStreamEmbed::loadGen3_KDTG(MP4::Container& movie, std::vector<uint64_t>& out, uint16_t& samplingRate) {
   // No swap routine on purpose: the generation that writes KDTG writes it
-  // little-endian only, so a 0x3210 KDTG with records ends the run.
+  // little-endian only, so a 0x3210 KDTG is read as a box without records.
   loadGen2_KDTx<uint64_t>(movie, "KDTG", out, samplingRate, std::function<void(uint64_t&)>());
 }
 

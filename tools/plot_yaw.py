@@ -20,10 +20,7 @@ import tempfile
 
 def load(path):
     with open(path, "rb") as f:
-        data = f.read()
-    if data.strip() == b"[":  # an empty stream is written as a lone "["
-        return []
-    return json.loads(data)
+        return json.load(f)
 
 
 def main(argv):
@@ -33,7 +30,7 @@ def main(argv):
     gyro_path, gravity_path, png = argv[:3]
     title = argv[3] if len(argv) == 4 else os.path.basename(gyro_path)
     gyro = load(gyro_path)
-    gravity = [s for s in load(gravity_path) if "yaw" in s]
+    gravity = [s for s in load(gravity_path) if s.get("yaw") is not None]
     if not gyro or not gravity:
         print("plot_yaw: need gyro samples and gravity samples with yaw", file=sys.stderr)
         return 1

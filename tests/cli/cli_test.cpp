@@ -6,8 +6,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <new>
 #include <sstream>
+#include <stdexcept>
 
+#include "cli/process_file.h"
 #include "tests/cli/sondex_process.h"
 #include "tests/support/camera_movie.h"
 #include "tests/support/files.h"
@@ -124,17 +128,76 @@ TEST_F(Cli, APlainMovieHasOnlyTheHead) {
                                        head);
 }
 
-TEST_F(Cli, ABigEndianTimestampLogEndsTheRunAfterTheLinesBeforeIt) {
+TEST_F(Cli, ABigEndianTimestampLogIsReadAsEmptyAndTheStreamGoesOn) {
   CameraBoxes boxes;
-  boxes.udta = {SampleBox("KDTB").unitSize(16).build(),
+  boxes.udta = {SampleBox("KDTD").add(Gravity{0, 16384, 0, 0, 5}).build(),
                 SampleBox("KDTG", kBigEndian).add(uint64_t{5}).add(uint64_t{6}).build()};
-  const std::string path = dir_.write("gap.mp4", injectCameraBoxes(ffmpegMovie("-c:v libx264"), boxes));
-  const RunResult r = runSondex({path});
-  EXPECT_EQ(r.signal, SIGABRT);
-  EXPECT_EQ(r.out,
-            "KMKN not found.\nH.264 detected.\n"
-            "KDTB: Invalid header. unitSize(expect 24, but 16), endian(expect 3210/0123, but 0123).\n");
-  EXPECT_NE(r.err.find("bad_function_call"), std::string::npos);
+  const std::string path = dir_.write("be.mp4", injectCameraBoxes(ffmpegMovie("-c:v libx264"), boxes));
+  const RunResult r = runSondex({}, path + "\t" + dir_.file("d.json") + "\n" + sample("sample.jpg") + "\n");
+  EXPECT_EQ(r.status, 0);
+  const std::string kdtg = "KDTG: byte order 3210 not supported, box read as empty.\nKDTD: No KDTG entries.\n";
+  EXPECT_NE(r.out.find("H.264 detected.\n" + kdtg + kdtg + "KDTC/KDTD is not enough size."), std::string::npos);
+  EXPECT_NE(r.out.find("result: {\"status\":\"succeed\", \"hasKDTD\":true"), std::string::npos);
+  EXPECT_TRUE(r.out.ends_with("\n" + runSondex({sample("sample.jpg")}).out)) << r.out;
+  EXPECT_EQ(readText(dir_.file("d.json")), "[{\"x\":0,\"y\":16384,\"z\":0,\"timestamp\":5}]\n");  // not re-timed
+}
+
+// ------------------------------------------------------------ dump files
+
+TEST_F(Cli, DumpsOfNonNumbersAndEmptyLogsAreJson) {
+  CameraBoxes boxes;
+  boxes.makerNote = TiffBuilder(kBigEndian).build(cameraIfd0());  // stabilised: the KDTI yaw is used
+  const float nan = std::nanf(""), inf = INFINITY;
+  boxes.udta = {SampleBox("KDTB").add(Gyro{nan, inf, -inf, 0, 1}).add(Gyro{1, 2, 3, 0, 2}).build(),
+                SampleBox("KDTD").add(Gravity{0, 16384, 0, 0, 1}).add(Gravity{1, 2, 3, 0, 2}).add(Gravity{}).build(),
+                SampleBox("KDTI").add(YawCorrection{nan, nan, nan, nan, 1}).add(YawCorrection{.5, .5, .5, .5, 2}).build()};
+  const std::string path = dir_.write("nan.mp4", injectCameraBoxes(ffmpegMovie("-c:v libx264"), boxes));
+  const RunResult r = runSondex(
+      {"-kdtd:" + dir_.file("d.json"), "-kdtb:" + dir_.file("b.json"), "-kdtc:" + dir_.file("c.json"), path});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(readText(dir_.file("d.json")),
+            "[{\"x\":0,\"y\":16384,\"z\":0,\"yaw\":null,\"timestamp\":1},\n"
+            "{\"x\":1,\"y\":2,\"z\":3,\"yaw\":0.5,\"timestamp\":2},\n"
+            "{\"x\":0,\"y\":0,\"z\":0,\"timestamp\":0}]\n");  // more samples than yaw values
+  EXPECT_EQ(readText(dir_.file("b.json")),
+            "[{\"x\":null,\"y\":null,\"z\":null,\"timestamp\":1},\n{\"x\":1,\"y\":2,\"z\":3,\"timestamp\":2}]\n");
+  EXPECT_EQ(readText(dir_.file("c.json")), "[]\n");
+}
+
+TEST_F(Cli, ADumpPathNamingTheSourceFailsTheRequestBeforeAnythingIsWritten) {
+  const std::string movie = dir_.file("clip.mp4");
+  fs::copy_file(sample("sample.mp4"), movie);
+  fs::create_directory(dir_.file("dir"));
+  fs::create_symlink("clip.mp4", dir_.file("link.mp4"));
+  const Bytes original = readFile(movie);
+  for (const std::string& alias : {dir_.file("dir/../clip.mp4"), dir_.file("link.mp4")}) {
+    const std::string refused = "dump file " + alias + " is the source file, not written.\n";
+    const RunResult argumentMode =
+        runSondex({"-set1", "-kdtd:" + dir_.file("d.json"), "-kdtb:" + dir_.file("b.json"), "-kdtc:" + alias, movie});
+    EXPECT_EQ(argumentMode.status, 1);
+    EXPECT_EQ(argumentMode.out, refused + kUsage);
+    const RunResult stream = runSondex({}, movie + "\t" + alias + "\n" + movie + "\n");
+    EXPECT_EQ(stream.out, refused + kFailed + golden("sample.mp4.txt"));
+    EXPECT_EQ(readFile(movie), original);
+    EXPECT_FALSE(fs::exists(dir_.file("d.json")));
+  }
+}
+
+TEST(GuardedRequest, WhateverARequestThrowsFailsItWithOneLine) {
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[] { throw std::bad_alloc(); }, "std::bad_alloc"},
+      {[] { throw std::length_error("vector::reserve"); }, "vector::reserve"},
+      {[] { throw "no more data"; }, "no more data"},
+      {[] { throw 42; }, "unknown exception"},
+  };
+  for (const auto& [fault, what] : cases) {
+    ConsoleCapture capture;
+    EXPECT_FALSE(guardedRequest(L"in.mp4", [&] {
+      fault();
+      return true;
+    }));
+    EXPECT_EQ(capture.text(), "processFile(in.mp4) failed: " + what + ".\n");
+  }
 }
 
 // ------------------------------------------------------------ the bundled samples, byte for byte
@@ -196,6 +259,7 @@ TEST_F(Cli, Set1MessagesForMoviesThatNeedNoRewrite) {
   const std::string base = dir_.write("base.mp4", ffmpegMovie("-c:v libx264 -profile:v baseline -pix_fmt yuv420p"));
   const std::string hevc =
       dir_.write("hevc.mp4", ffmpegMovie("-c:v libx265 -x265-params log-level=none -pix_fmt yuv420p"));
+  const Bytes highBytes = readFile(high);
   auto messages = [](const std::string& out) {
     const size_t at = out.find("KDTD/G: 0\n") + 10;
     return out.substr(at, out.find("result: ") - at);
@@ -204,7 +268,7 @@ TEST_F(Cli, Set1MessagesForMoviesThatNeedNoRewrite) {
   // libx264's Baseline already sets constraint_set1_flag.
   EXPECT_EQ(messages(runSondex({"-set1", base}).out), "constrained_set1_flag = 1, not 0.\n");
   EXPECT_EQ(messages(runSondex({"-set1", hevc}).out), "");
-  EXPECT_EQ(readFile(high), readFile(high));  // untouched
+  EXPECT_EQ(readFile(high), highBytes);  // untouched
 }
 
 TEST_F(Cli, ADumpFileThatCannotBeCreatedFailsTheRequest) {

@@ -23,11 +23,11 @@ std::string movieLine(const MetaReader& reader) {
   return capture.text();
 }
 
-TEST(ToJsonValueL, BlanksQuotesControlsAndEveryHighByte) {
+TEST(ToJsonValueL, BlanksQuotesBackslashesControlsAndEveryHighByte) {
   EXPECT_EQ(toJsonValueL("KORVU ZEPRA"), L"\"KORVU ZEPRA\"");
-  EXPECT_EQ(toJsonValueL("a\"b\tc\x7f"), L"\"a b c\x7f\"");
+  EXPECT_EQ(toJsonValueL("a\"b\tc\x7f\x01\x1f."), L"\"a b c   .\"");
   EXPECT_EQ(toJsonValueL("caf\xC3\xA9!"), L"\"caf  !\"");
-  EXPECT_EQ(toJsonValueL("back\\slash"), L"\"back\\slash\"");  // passed through unescaped
+  EXPECT_EQ(toJsonValueL("+040.000\\"), L"\"+040.000\"");
   EXPECT_EQ(toJsonValueL("trail \xC3\xA9 \n"), L"\"trail\"");
   EXPECT_EQ(toJsonValueL(std::string("cut\0here", 8)), L"\"cut\"");
   EXPECT_EQ(toJsonValueL(""), L"\"\"");
@@ -79,7 +79,7 @@ TEST(DumpToJSON, ProjectionType) {
   EXPECT_EQ(type(), "unknown");
 }
 
-TEST(DumpToJSON, BitRatesThatAreNotNumbersOrTooLarge) {
+TEST(DumpToJSON, NumbersThatAreNotFiniteOrTooLarge) {
   MetaReader reader;
   auto rate = [&](float value) {
     reader.probe.videoBitRate = value;
@@ -87,10 +87,23 @@ TEST(DumpToJSON, BitRatesThatAreNotNumbersOrTooLarge) {
     const size_t at = line.find("\"videoBitRate\":") + 15;
     return line.substr(at, line.find('}', at) - at);
   };
-  EXPECT_EQ(rate(std::numeric_limits<float>::infinity()), "0");
-  EXPECT_EQ(rate(std::numeric_limits<float>::quiet_NaN()), "0");
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(rate(inf), "0");
+  EXPECT_EQ(rate(nan), "0");
   EXPECT_EQ(rate(4294967296.0f + 8192.0f), "8192");  // modulo 2^32
   EXPECT_EQ(rate(0.99f), "0");                       // truncated, never rounded up
+  // A value that is not finite is absent; a duration prints 0.00.
+  reader.probe.videoBitRate = 0;
+  reader.probe.duration = -inf;
+  reader.viewHeading.heading = inf;
+  reader.viewHeading.dolly = -nan;
+  EXPECT_EQ(movieLine(reader), kEmptyHead);
+  reader.probe.duration = nan;
+  EXPECT_EQ(movieLine(reader), kEmptyHead);
+  reader.stillRecord.pitch = -inf;
+  ConsoleCapture capture;
+  reader.dumpToJSON_still(false);
+  EXPECT_EQ(capture.text(), "result: {\"status\":\"succeed\", \"type\":\"JPEG\"}\n");
 }
 
 TEST(DumpToJSON, TailElementsInOrderUnderTheirConditions) {
@@ -147,13 +160,8 @@ TEST(DumpToJSON, AbsentSettingsAndOtherValues) {
   EXPECT_EQ(line.find("SamplingRate"), std::string::npos);
 }
 
-TEST(DumpToJSONStill, JpegAndDngLines) {
+TEST(DumpToJSONStill, DngLine) {
   MetaReader reader;
-  {
-    ConsoleCapture capture;
-    reader.dumpToJSON_still(false);
-    EXPECT_EQ(capture.text(), "result: {\"status\":\"succeed\", \"type\":\"JPEG\"}\n");
-  }
   reader.stillRecord.model = "KORVU ZEPRA S";
   reader.stillRecord.cameraSerial = "42";
   reader.stillRecord.yaw = 10.5f;

@@ -51,12 +51,22 @@ TEST(SampleLoaders, BothByteOrdersLoadTheSameRecordsForEveryType) {
   }
 }
 
-TEST(SampleLoaders, ABigEndianTimestampBoxWithRecordsEndsTheRun) {
+TEST(SampleLoaders, ABigEndianTimestampBoxIsReadAsEmptyEveryTimeItIsLoaded) {
   TempDir dir;
-  auto movie = attachBytes(dir, sensorMovie({SampleBox("KDTG", kBigEndian).add(uint64_t{1}).build()}));
-  std::vector<uint64_t> stamps;
-  uint16_t rate = 0;
-  EXPECT_THROW(S::loadGen3_KDTG(*movie, stamps, rate), std::bad_function_call);
+  const Gravity recorded{1, 2, 3, 0, 7};
+  auto movie = attachBytes(dir, sensorMovie({SampleBox("KDTG", kBigEndian).rate(9).add(uint64_t{1}).build(),
+                                             SampleBox("KDTD").rate(30).add(recorded).build()}));
+  const std::string kdtg = "KDTG: byte order 3210 not supported, box read as empty.\n";
+  EXPECT_EQ(load(S::loadGen3_KDTG, *movie), (std::pair{Bytes{}, 9}));
+  for (int round = 0; round < 2; ++round) {
+    ConsoleCapture capture;
+    std::vector<Gravity> gravity;
+    uint16_t rate = 0;
+    S::loadGen3_KDTD_with_KDTG(*movie, gravity, rate);
+    EXPECT_EQ(capture.text(), kdtg + "KDTD: No KDTG entries.\n");
+    EXPECT_EQ(bytesOf(gravity), bytesOf(std::vector{recorded}));  // as recorded, not re-timed
+    EXPECT_EQ(rate, 30);
+  }
 }
 
 TEST(SampleLoaders, BadHeadersPrintTheirLineAndLoadNothing) {
