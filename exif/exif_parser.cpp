@@ -1,13 +1,16 @@
 // The Exif/TIFF walker: attaching a block, finding the camera's directories
 // in it, reading entries under the cursor and dumping directories.
 //
-// Every read goes through read(), which checks the span against the buffer
-// without adding untrusted numbers first. The walker never follows next-IFD
-// links: each seek goes one fixed step down IFD0 -> Exif -> MakerNote ->
-// maker-note IFD -> product IFD and reads at most one directory's entries,
-// so directory pointers that loop back cannot make it run forever.
+// Every read goes through read(), which checks the span against the block
+// without adding untrusted numbers first and, for a block read from a
+// source, moves the window only when the span lies outside it. The walker
+// never follows next-IFD links: each seek goes one fixed step down IFD0 ->
+// Exif -> MakerNote -> maker-note IFD -> product IFD and reads at most one
+// directory's entries, so directory pointers that loop back cannot make it
+// run forever.
 #include "exif/exif_parser.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "gltk/console.h"
@@ -21,6 +24,10 @@ constexpr unsigned char kExifSignature[6] = {'E', 'x', 'i', 'f', 0, 0};
 constexpr uint16_t kTiffId = 42;
 constexpr uint16_t kBigEndianMark = 0x4D4D;  // "MM"
 constexpr int kMaxMarkers = 32;
+// The window over a source-read block. It starts on a multiple of half its
+// size, so any read of up to half a window fits in it; longer reads go
+// straight to the source.
+constexpr uint64_t kWindow = 65536;
 
 constexpr uint16_t kTypeLong = 4;
 constexpr uint16_t kTypeUndefined = 7;
@@ -33,11 +40,14 @@ void ExifParser::attachBytes(const unsigned char* data, size_t size) {
   delete[] buffer;
   buffer = nullptr;
   bufferSize = 0;
+  source = nullptr;
   if (data != nullptr && size != 0) {
     buffer = new unsigned char[size];
     std::memcpy(buffer, data, size);
     bufferSize = size;
   }
+  windowStart = 0;
+  windowLength = bufferSize;
   cursor = 0;
   cursorStack.clear();
   bigEndian = true;
@@ -47,6 +57,15 @@ void ExifParser::attachBytes(const unsigned char* data, size_t size) {
   subIFDs[0] = subIFDs[1] = 0;
   stripOffset = stripByteCount = 0;
   affineTable1Offset = affineTable1Length = affineTable2Offset = affineTable2Length = 0;
+}
+
+void ExifParser::attachSource(Source from, uint64_t size) {
+  attachBytes(nullptr, 0);
+  if (!from || size == 0) return;
+  buffer = new unsigned char[kWindow];
+  bufferSize = size;
+  source = std::move(from);
+  windowLength = 0;
 }
 
 void ExifParser::attachKMKN(const unsigned char* data, size_t size) {
@@ -67,8 +86,8 @@ void ExifParser::attachKMKN(const unsigned char* data, size_t size) {
   ifd0Pos = read32() + tiffBase;
 }
 
-void ExifParser::attachDNG(const unsigned char* data, size_t size) {
-  attachBytes(data, size);
+void ExifParser::attachDNG(Source from, uint64_t size) {
+  attachSource(std::move(from), size);
   seekToKORVUMakerNote();
 
   seekToIFD0();
@@ -208,9 +227,28 @@ void ExifParser::seekToSubIFD(int i) {
 
 // Reading -------------------------------------------------------------------
 
+bool ExifParser::inWindow(uint64_t pos, uint64_t n) const {
+  return pos >= windowStart && pos - windowStart <= windowLength && n <= windowLength - (pos - windowStart);
+}
+
 void ExifParser::read(unsigned char* dst, size_t n, size_t pos) const {
   if (n > bufferSize || pos > bufferSize - n) throw "Invalid position";
-  if (n != 0) std::memcpy(dst, buffer + pos, n);
+  if (n == 0) return;
+  if (!inWindow(pos, n)) {
+    // Only a source-read block gets here; one that ends early (a file cut
+    // short while it is read) fails like any read past the block.
+    if (!source) throw "Invalid position";
+    if (n > kWindow / 2) {
+      if (source(dst, n, pos) != n) throw "Invalid position";
+      return;
+    }
+    windowStart = pos - pos % (kWindow / 2);
+    const uint64_t wanted = std::min(kWindow, bufferSize - windowStart);
+    const uint64_t got = source(buffer, wanted, windowStart);
+    windowLength = got <= wanted ? got : 0;
+    if (!inWindow(pos, n)) throw "Invalid position";
+  }
+  std::memcpy(dst, buffer + (pos - windowStart), n);
 }
 
 uint16_t ExifParser::read16() {
@@ -274,9 +312,12 @@ uint16_t ExifParser::toUINT16(uint32_t value) const {
 void ExifParser::toString(uint16_t type, uint32_t count, uint32_t value, std::string& out) const {
   if ((type != 2 && type != kTypeUndefined) || count < 5) throw "Invalid Type: ASCII[>4] or UNDEF[>4] required.";
   const uint64_t pos = value + tiffBase;
-  // A string running past the buffer is refused like any other read.
+  // Checked before the string is sized: a string running past the block is
+  // refused like any other read.
   if (count > bufferSize || pos > bufferSize - count) throw "Invalid position";
-  out.assign(reinterpret_cast<const char*>(buffer + pos), count);
+  std::string text(count, '\0');
+  read(reinterpret_cast<unsigned char*>(text.data()), count, pos);
+  out = std::move(text);
 }
 
 void ExifParser::pushCursor(size_t pos) {
@@ -311,7 +352,7 @@ void ExifParser::dump(const char* label) {
 }
 
 void ExifParser::dumpKMKN() {
-  if (buffer == nullptr) return;
+  if (bufferSize == 0) return;
   if (makerNoteOnly == 0) {
     seekToIFD0();
     dump("IFD0");

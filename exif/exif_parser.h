@@ -1,8 +1,11 @@
-// ExifParser: walks the TIFF structure of an Exif block held in memory and
-// positions a read cursor on the directories the camera's metadata lives
-// in: IFD0, the Exif IFD, the MakerNote, the maker's own maker-note IFD,
-// the product IFD inside it and, for raw stills, the SubIFDs. Every failure
-// is thrown as the message text itself (a const char*).
+// ExifParser: walks the TIFF structure of an Exif block and positions a
+// read cursor on the directories the camera's metadata lives in: IFD0, the
+// Exif IFD, the MakerNote, the maker's own maker-note IFD, the product IFD
+// inside it and, for raw stills, the SubIFDs. A block is either copied in
+// whole (a maker-note box, the head of a JPEG) or read on demand from its
+// source (a raw still, which may be any size): then only the ranges the
+// walk visits are read, through a window of 64 KiB. Every failure is thrown
+// as the message text itself (a const char*).
 #pragma once
 
 #include <cstddef>
@@ -75,6 +78,9 @@ class ExifParser {
 
   using EntryVisitor = std::function<bool(uint16_t tag, uint16_t type, uint32_t count, uint32_t value)>;
   using EntryHandler = std::function<void(uint16_t tag, uint16_t type, uint32_t count, uint32_t value)>;
+  // Reads up to n bytes at position pos of a block into dst; returns how
+  // many it read (a short count where the block's source ends early).
+  using Source = std::function<uint64_t(unsigned char* dst, uint64_t n, uint64_t pos)>;
 
   ExifParser() = default;
   virtual ~ExifParser();
@@ -82,8 +88,10 @@ class ExifParser {
   ExifParser& operator=(const ExifParser&) = delete;
 
   void attachBytes(const unsigned char* data, size_t size);
+  // A block of size bytes read through source as the walk needs them.
+  void attachSource(Source source, uint64_t size);
   void attachKMKN(const unsigned char* data, size_t size);
-  void attachDNG(const unsigned char* data, size_t size);
+  void attachDNG(Source source, uint64_t size);
 
   void seekToIFD0();
   void seekToEXIF();
@@ -108,8 +116,12 @@ class ExifParser {
   void dumpKMKN();
   void readZERPA(ZEPRA& out);
 
+  // The whole block, or with a source the window over it.
   unsigned char* buffer = nullptr;
-  uint64_t bufferSize = 0;
+  uint64_t bufferSize = 0;  // the block's size
+  Source source;
+  mutable uint64_t windowStart = 0;
+  mutable uint64_t windowLength = 0;
   uint64_t cursor = 0;
   std::vector<uint64_t> cursorStack;
   bool bigEndian = true;
@@ -135,4 +147,6 @@ class ExifParser {
   // Reads the numerator/denominator pair(s) of an out-of-line rational
   // value without disturbing the cursor of the enumeration in progress.
   void readPairs(uint32_t value, uint32_t* words, int n);
+  // Whether buffer holds the n bytes at pos.
+  bool inWindow(uint64_t pos, uint64_t n) const;
 };

@@ -1,7 +1,7 @@
 // The Exif walker from each of its three callers, with the camera record
 // and the directory dump: a movie's maker-note box (attachKMKN), the first
-// 64 KiB of a JPEG (attachBytes) and a whole DNG behind the synthetic JPEG
-// header (attachDNG). Failures are thrown as message texts, which the
+// 64 KiB of a JPEG (attachBytes) and a DNG read on demand behind the
+// synthetic JPEG header (attachDNG). Failures are thrown as message texts, which the
 // callers catch; anything else escaping is a finding.
 #include <algorithm>
 #include <cstddef>
@@ -57,7 +57,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<uint8_t> dng(std::begin(kSyntheticJpegHeader), std::end(kSyntheticJpegHeader));
   dng.insert(dng.end(), data, data + size);
   withParser([&](ExifParser& p) {
-    p.attachDNG(dng.data(), dng.size());
+    p.attachDNG(
+        [&dng](unsigned char* dst, uint64_t n, uint64_t pos) {
+          n = std::min<uint64_t>(n, dng.size() - pos);
+          std::copy_n(dng.begin() + static_cast<std::ptrdiff_t>(pos), n, dst);
+          return n;
+        },
+        dng.size());
     p.readZERPA(record);
     p.dumpKMKN();
   });

@@ -76,6 +76,11 @@ uint64_t FileIO::read(unsigned char* buffer, uint64_t n) {
   return static_cast<uint64_t>(got);
 }
 
+uint64_t FileIO::read_at(unsigned char* buffer, uint64_t n, uint64_t offset) const {
+  if (descriptor == 0 || offset > static_cast<uint64_t>(INT64_MAX)) return kFailed;
+  return static_cast<uint64_t>(::pread(descriptor, buffer, n, static_cast<off_t>(offset)));
+}
+
 uint64_t FileIO::write(const unsigned char* buffer, uint64_t n) {
   if (descriptor == 0) return kFailed;
   const ssize_t put = ::write(descriptor, buffer, n);

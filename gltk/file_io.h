@@ -29,6 +29,8 @@ class FileIO {
   uint64_t length() const;
   // One system call each; the result is the call's (all ones on error).
   virtual uint64_t read(unsigned char* buffer, uint64_t n);
+  // One positioned read at offset; the file position does not move.
+  uint64_t read_at(unsigned char* buffer, uint64_t n, uint64_t offset) const;
   virtual uint64_t write(const unsigned char* buffer, uint64_t n);
   virtual bool seek_set(uint64_t offset);
   virtual bool seek_cur(int64_t offset);

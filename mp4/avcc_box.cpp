@@ -3,14 +3,16 @@
 
 #include "gltk/console.h"
 #include "mp4/avcc.h"
+#include "mp4/boxes.h"
 
 namespace MP4 {
 
 void AVCC::parseBox(BinFile& f, uint64_t limit) {
   enter(f, limit);
   payload.clear();
-  if (size <= 8) return;
-  // Limited to the box's end and to what the file holds.
+  if (size <= 8 || size > kPayloadLimit) return;
+  // Limited to the box's end and to what the file holds; a box over
+  // kPayloadLimit is left empty and reads as a record that cannot be parsed.
   const uint64_t wanted = size - 8;
   const uint64_t room = f.tell() <= f.limit ? f.limit - f.tell() : 0;
   const uint64_t inFile = f.length() > f.tell() ? f.length() - f.tell() : 0;

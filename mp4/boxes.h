@@ -14,6 +14,17 @@
 
 namespace MP4 {
 
+// No camera writes a box larger than this. The payload of a larger box is
+// never read whole (not when the tree is built, not by readPayload), so
+// that a crafted size cannot make one read allocate gigabytes; such a box
+// reads as empty.
+constexpr uint64_t kPayloadLimit = 16 << 20;
+
+// True, after the line "<path>: <size> bytes, over the 16 MiB limit, not
+// read.", when box is larger than kPayloadLimit. The path runs from the
+// top-level box down to box, e.g. "moov.udta.KMKN".
+bool refusedAsOversized(const BOX& box);
+
 class MVHD : public BOX {
  public:
   using BOX::BOX;
@@ -194,7 +205,7 @@ class HDLR : public BOX {
   std::array<uint8_t, 4> pre_defined{};
   FourCC handler{};
   std::array<uint8_t, 12> reserved{};
-  std::string name;  // empty unless the name lay within the box
+  std::string name;  // empty unless the name lay within the box (and the box is not over kPayloadLimit)
   uint64_t nameLength = 0;
 };
 
@@ -224,7 +235,7 @@ class UUID : public NestedBox {
   std::string payloadText() const { return std::string(payload.begin(), payload.end()); }
 
   Usertype usertype{};
-  std::vector<uint8_t> payload;  // the payload bytes the file holds
+  std::vector<uint8_t> payload;  // the payload bytes the file holds; empty over kPayloadLimit
 };
 
 }  // namespace MP4

@@ -66,6 +66,7 @@ bool Container::open_a(const std::function<void(GLTK::FileIO&)>& callback) const
 
 bool Container::readPayload(const BOX& box, std::string& out) const {
   out.clear();
+  if (refusedAsOversized(box)) return false;
   return open([&](GLTK::FileIO& file) {
     const uint64_t length = file.length();
     if (box.size <= 8 || box.start + 8 >= length) return;

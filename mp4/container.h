@@ -34,7 +34,8 @@ class Container {
   bool open_a(const std::function<void(GLTK::FileIO&)>& callback) const;
   void dump() const;
   // Reads the box's payload (its size - 8 bytes from start + 8) as far as
-  // the file holds it; false when the file cannot be opened.
+  // the file holds it; false, leaving out empty, when the file cannot be
+  // opened or the box is over kPayloadLimit (which prints a line).
   bool readPayload(const BOX& box, std::string& out) const;
 
   // ---- Rewriting (each ends with the container attached again, so box

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "gltk/console.h"
 #include "gltk/wchar.h"
@@ -69,7 +70,7 @@ void HDLR::parseBox(BinFile& f, uint64_t limit) {
     std::copy(block + 12, block + 24, reserved.begin());
   }
   nameLength = size - 32;
-  if (!within(f, nameLength)) return;
+  if (size > kPayloadLimit || !within(f, nameLength)) return;
   // The box may claim more than the file holds (a top-level box's limit is
   // its own size): only the bytes that are there are kept. The rest would
   // read as zeros, and the name ends at its first zero anyway.
@@ -83,6 +84,20 @@ void HDLR::dump() const {
   for (int i = 0; i < 4; ++i) code[i] = handler[i];
   GLTK::Console::out(L"MP4: %ls<%ls handler=%ls name=%ls(%d) >\n", indent().c_str(), basicTag().c_str(), code,
                      GLTK::wchar::mbs2wcs(name.c_str()).c_str(), static_cast<int>(nameLength));
+}
+
+bool refusedAsOversized(const BOX& box) {
+  if (box.size <= kPayloadLimit) return false;
+  std::wstring path;
+  // The parent chain ends at the top-level box (the movie box has none) or
+  // at the root, whose depth is -1.
+  for (const BOX* at = &box; at != nullptr && at->depth >= 0; at = at->parent) {
+    std::wstring code(at->type.begin(), at->type.end());
+    path = path.empty() ? code : code + L"." + path;
+  }
+  GLTK::Console::out(L"%ls: %llu bytes, over the 16 MiB limit, not read.\n", path.c_str(),
+                     static_cast<unsigned long long>(box.size));
+  return true;
 }
 
 UUID::UUID(const std::string& text) : NestedBox(0, text.size() + kUuidHeader, code("uuid"), nullptr) {
@@ -99,7 +114,8 @@ void UUID::parseBox(BinFile& f, uint64_t limit) {
     parseChildren(f, limit);
     return;
   }
-  if (size < kUuidHeader) return;  // too small to hold even its usertype
+  // Too small to hold even its usertype, or too large to read whole.
+  if (size < kUuidHeader || size > kPayloadLimit) return;
   // The payload is read in pieces of up to 512 bytes; it ends at the first
   // piece that lies past the box's limit or at the end of the file.
   for (uint64_t left = size - kUuidHeader; left > 0;) {

@@ -20,10 +20,11 @@ constexpr MP4::UUID::Usertype kSphericalVideo = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0
 constexpr MP4::UUID::Usertype kXmp = {0xBE, 0x7A, 0xCF, 0xCB, 0x97, 0xA9, 0x42, 0xE8,
                                       0x9C, 0x71, 0x99, 0x94, 0x91, 0xE3, 0xAF, 0xAC};
 
-// The uuid box of the given extended type, or null.
+// The uuid box of the given extended type, or null; also null, after a
+// line, when the box is too large for its payload to have been read.
 const MP4::UUID* uuidOfType(MP4::BOX& box, const MP4::UUID::Usertype& usertype) {
   const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
-  if (uuid == nullptr || box.size < 24 || uuid->usertype != usertype) return nullptr;
+  if (uuid == nullptr || box.size < 24 || uuid->usertype != usertype || MP4::refusedAsOversized(box)) return nullptr;
   return uuid;
 }
 
@@ -92,7 +93,7 @@ bool Sondex::finish() {
 
 void Sondex::readModel(MP4::Container& movie) {
   movie.find("moov.udta.@mod", [&](MP4::BOX& box) {
-    if (box.size < 9) return true;
+    if (box.size < 9 || MP4::refusedAsOversized(box)) return true;
     std::string text;
     movie.readPayload(box, text);
     cameraVersion = MetaBuilder::camera_version(text);
@@ -105,7 +106,8 @@ void Sondex::readKMKN(MP4::Container& movie) {
   bool handled = false;
   movie.find("moov.udta.KMKN", [&](MP4::BOX& box) {
     if (box.size < 9) return true;
-    handled = true;
+    handled = true;  // a box over the limit is reported as such, not as missing
+    if (MP4::refusedAsOversized(box)) return true;
     std::string payload;
     movie.readPayload(box, payload);
     try {

@@ -1,6 +1,5 @@
 // JPEG and DNG stills: the camera record from the Exif block, and for DNG
 // also where the embedded JPEG preview and the two stitching tables lie.
-#include <cstring>
 #include <memory>
 
 #include "exif/exif_parser.h"
@@ -60,18 +59,29 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
   affineTable1Offset = affineTable1Length = affineTable2Offset = affineTable2Length = 0;
   bool ok = false;
   GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
+    // The walker reads the file on demand, behind the synthetic header, so
+    // only the ranges it visits are read: the directories, the maker note
+    // and the strings, wherever in the file they lie.
     const uint64_t length = file.length();
-    const uint64_t headerSize = sizeof kSyntheticJpegHeader;
-    auto bytes = std::make_unique_for_overwrite<unsigned char[]>(length + headerSize);
-    std::memcpy(bytes.get(), kSyntheticJpegHeader, headerSize);
-    const uint64_t count = file.read(bytes.get() + headerSize, length);
-    if (readFailed(count)) {
+    constexpr uint64_t headerSize = sizeof kSyntheticJpegHeader;
+    unsigned char first;
+    if (length == 0 || readFailed(file.read_at(&first, 1, 0))) {
       GLTK::Console::out(L"FileIO.read(%ls) failed.\n", path);
       return;
     }
+    const auto source = [&file](unsigned char* dst, uint64_t n, uint64_t pos) {
+      uint64_t done = 0;
+      for (; done < n && pos + done < headerSize; ++done) dst[done] = kSyntheticJpegHeader[pos + done];
+      while (done < n) {
+        const uint64_t got = file.read_at(dst + done, n - done, pos + done - headerSize);
+        if (readFailed(got)) break;
+        done += got;
+      }
+      return done;
+    };
     try {
       ExifParser parser;
-      parser.attachDNG(bytes.get(), count + headerSize);
+      parser.attachDNG(source, length + headerSize);
       parser.readZERPA(stillRecord);
       previewOffset = parser.stripOffset;
       previewLength = parser.stripByteCount;

@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <filesystem>
+#include <tuple>
+
 #include "mp4/avcc.h"
 #include "mp4/boxes.h"
 #include "tests/support/mp4_builder.h"
@@ -28,38 +31,37 @@ std::string at(const char* leaf) { return std::string(kStbl) + leaf; }
 
 // ------------------------------------------------------------ headers
 
-TEST(MVHD, Version0ReadsCreationTimeAndADurationInSeconds) {
+TEST(MVHD, Version0ReadsCreationTimeAndADurationInSecondsVersion1AnUnsignedDuration) {
   TempDir dir;
-  auto movie = attachBytes(dir, Box("moov").child(mvhd(600, 1500, 77)).build());
-  auto* mvhd = only<MP4::MVHD>(*movie, "moov.mvhd");
-  EXPECT_EQ(mvhd->version, 0);
-  EXPECT_EQ(mvhd->timeStamp, 77u);
-  EXPECT_FLOAT_EQ(mvhd->timeScale, 600.0f);
-  EXPECT_FLOAT_EQ(mvhd->duration, 2.5f);
+  Box v1 = Box::full("mvhd", 1, 0);
+  v1.u64(0x123456789ULL).u64(0).u32(1000).u64(0x9000000000000000ULL);
+  auto movie = attachBytes(dir, Box("moov").child(mvhd(600, 1500, 77)).child(v1).build());
+  auto all = findAll(*movie, "moov.mvhd");
+  ASSERT_EQ(all.size(), 2u);
+  auto* v0box = static_cast<MP4::MVHD*>(all[0]);
+  EXPECT_EQ(v0box->version, 0);
+  EXPECT_EQ(v0box->timeStamp, 77u);
+  EXPECT_FLOAT_EQ(v0box->timeScale, 600.0f);
+  EXPECT_FLOAT_EQ(v0box->duration, 2.5f);
+  auto* v1box = static_cast<MP4::MVHD*>(all[1]);
+  EXPECT_EQ(v1box->timeStamp, 0x123456789ULL);
+  EXPECT_FLOAT_EQ(v1box->duration, static_cast<float>(0x9000000000000000ULL) / 1000.0f);  // positive
 }
 
-TEST(MVHD, Version1DurationAbove2To63IsUnsigned) {
-  TempDir dir;
-  Box box = Box::full("mvhd", 1, 0);
-  box.u64(0x123456789ULL).u64(0).u32(1000).u64(0x9000000000000000ULL);
-  auto movie = attachBytes(dir, Box("moov").child(box).build());
-  auto* mvhd = only<MP4::MVHD>(*movie, "moov.mvhd");
-  EXPECT_EQ(mvhd->timeStamp, 0x123456789ULL);
-  EXPECT_GT(mvhd->duration, 0.0f);
-  EXPECT_FLOAT_EQ(mvhd->duration, static_cast<float>(0x9000000000000000ULL) / 1000.0f);
-}
-
-TEST(TKHD, WidthAndHeightAreTheIntegerPartsOfSigned16Dot16) {
+TEST(TKHD, WidthAndHeightAreTheIntegerPartsOfSigned16Dot16AfterTheVersionsTimes) {
   TempDir dir;
   Box negative = Box::full("tkhd", 0, 0);
   negative.zeros(20).zeros(52).i32(-(5 << 16) - 0x8000).u32(0x07800000);
+  Box v1 = Box::full("tkhd", 1, 0);
+  v1.u64(5).zeros(24).zeros(52).u32(640 << 16).u32(320 << 16);
   auto movie = attachBytes(dir, Box("moov")
                                     .child(Box("trak").child(tkhd(1920, 960, 9)))
                                     .child(Box("trak").child(negative))
                                     .child(Box("trak").child(tkhd(0, 0)))
+                                    .child(Box("trak").child(v1))
                                     .build());
   auto all = findAll(*movie, "moov.trak.tkhd");
-  ASSERT_EQ(all.size(), 3u);
+  ASSERT_EQ(all.size(), 4u);
   auto* first = static_cast<MP4::TKHD*>(all[0]);
   EXPECT_EQ(first->width, 1920u);
   EXPECT_EQ(first->height, 960u);
@@ -68,17 +70,8 @@ TEST(TKHD, WidthAndHeightAreTheIntegerPartsOfSigned16Dot16) {
   EXPECT_EQ(static_cast<int32_t>(second->width), -5);  // truncated toward zero
   EXPECT_EQ(second->height, 1920u);
   EXPECT_EQ(static_cast<MP4::TKHD*>(all[2])->width, 0u);
-}
-
-TEST(TKHD, Version1SkipsTheLongerTimes) {
-  TempDir dir;
-  Box box = Box::full("tkhd", 1, 0);
-  box.u64(5).zeros(24).zeros(52).u32(640 << 16).u32(320 << 16);
-  auto movie = attachBytes(dir, Box("moov").child(Box("trak").child(box)).build());
-  auto* tkhd = only<MP4::TKHD>(*movie, "moov.trak.tkhd");
-  EXPECT_EQ(tkhd->timeStamp, 5u);
-  EXPECT_EQ(tkhd->width, 640u);
-  EXPECT_EQ(tkhd->height, 320u);
+  auto* fourth = static_cast<MP4::TKHD*>(all[3]);
+  EXPECT_EQ(std::make_tuple(fourth->timeStamp, fourth->width, fourth->height), std::make_tuple(5u, 640u, 320u));
 }
 
 TEST(MDHD, Version1KeepsTheModificationTimeVersion0TheCreationTime) {
@@ -218,7 +211,7 @@ TEST(AVC1, AnEntryTooShortForItsFieldsWalksChildrenAtOnce) {
 
 TEST(AVCC, APayloadClaimingMoreThanTheFileHoldsIsCut) {
   TempDir dir;
-  const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(1, 1).child(Box("avcC").bytes({1, 2}).rawSize(1 << 30)));
+  const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(1, 1).child(Box("avcC").bytes({1, 2}).rawSize(1 << 20)));
   auto movie = attachBytes(dir, Box("moov").child(videoTrak(640, 320, stsd)).build());
   auto* avcc = only<MP4::AVCC>(*movie, at("stsd.avc1.avcC").c_str());
   EXPECT_EQ(avcc->payload, ByteArray("\x01\x02", 2));
@@ -260,44 +253,79 @@ TEST(LOCI, ACutAfterTheLatitudeHasAPositionButNoAltitude) {
   EXPECT_FALSE(cut->hasAltitude);
 }
 
-TEST(HDLR, ASizeBelowTheBlockLeavesNoName) {
+TEST(HDLR, ANameIsKeptOnlyAsFarAsTheBoxAndTheFileHoldIt) {
   TempDir dir;
   auto movie = attachBytes(dir, Box("meta").u32(0).child(Box("hdlr").zeros(20)).build());
   auto* hdlr = only<MP4::HDLR>(*movie, "meta.hdlr");
   EXPECT_EQ(static_cast<int>(hdlr->nameLength), -4);
   EXPECT_TRUE(hdlr->name.empty());
-}
-
-TEST(HDLR, ANameLongerThanTheFileKeepsOnlyTheFilesBytes) {
-  TempDir dir;
-  // Both sizes claim 2 GiB: the name must not be sized from them.
-  auto movie = attachBytes(dir, Box("meta")
-                                    .rawSize(0x7FFFFFFF)
-                                    .u32(0)
-                                    .child(Box("hdlr").rawSize(0x7FFFFFF0).zeros(8).str("mdir").zeros(12).str("ab"))
-                                    .build());
-  auto* hdlr = only<MP4::HDLR>(*movie, "meta.hdlr");
+  // Both sizes claim 16 MiB: the name must not be sized from them.
+  movie = attachBytes(dir, Box("meta")
+                               .rawSize(0x7FFFFFFF)
+                               .u32(0)
+                               .child(Box("hdlr").rawSize(1 << 24).zeros(8).str("mdir").zeros(12).str("ab"))
+                               .build());
+  hdlr = only<MP4::HDLR>(*movie, "meta.hdlr");
   EXPECT_EQ(std::string(hdlr->handler.begin(), hdlr->handler.end()), "mdir");
-  EXPECT_EQ(hdlr->nameLength, 0x7FFFFFF0u - 32);
+  EXPECT_EQ(hdlr->nameLength, (1u << 24) - 32);
   EXPECT_EQ(hdlr->name, "ab");
 }
 
-TEST(UUID, KeepsItsPayloadInPieces) {
+// Boxes claiming 2 GiB in a sparse file that backs the claims: none is
+// read whole, and readPayload names each one it refuses. One of exactly
+// the limit is still read.
+TEST(Payloads, BoxesOverTheLimitAreNotRead) {
   TempDir dir;
-  const std::string xml(1300, 'x');
-  auto movie = attachBytes(dir, Box("uuid").zeros(15).u8(1).str(xml).build());
-  auto* uuid = dynamic_cast<MP4::UUID*>(movie->root->children.at(0));
-  ASSERT_NE(uuid, nullptr);
-  EXPECT_EQ(uuid->payloadText(), xml);
-  EXPECT_EQ(uuid->usertypeText(), L"00000000-0000-0000-0000-000000000001");
+  constexpr uint32_t kClaim = 0x80000000;
+  const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(1, 1).child(Box("avcC").bytes({1, 2}).rawSize(kClaim)));
+  const Bytes bytes = concat({Box("moov")
+                                  .child(videoTrak(640, 320, stsd))
+                                  .child(Box("udta").child(Box("@mod").str("KV-360 S1").rawSize(kClaim)))
+                                  .child(Box("udta").child(Box("@mod").rawSize(MP4::kPayloadLimit)))
+                                  .child(Box("udta").child(Box("KMKN").zeros(8).rawSize(kClaim)))
+                                  .build(),
+                              Box("meta").u32(0).child(Box("hdlr").zeros(24).str("name").rawSize(kClaim)).build(),
+                              Box("uuid").zeros(16).str("<x/>").rawSize(kClaim).build()});
+  const std::string path = dir.write("movie.mp4", bytes);
+  std::filesystem::resize_file(path, bytes.size() + kClaim);
+  MP4::Container movie;
+  ASSERT_TRUE(movie.attach(widen(path), ~0ULL));
+  ConsoleCapture console;
+  std::vector<size_t> read;
+  for (const char* box : {"moov.udta.@mod", "moov.udta.KMKN"}) {
+    movie.find(box, [&](MP4::BOX& found) {
+      std::string out = "stale";
+      const bool ok = movie.readPayload(found, out);
+      EXPECT_EQ(ok, !out.empty());
+      read.push_back(out.size());
+      return true;
+    });
+  }
+  EXPECT_EQ(read, (std::vector<size_t>{0, MP4::kPayloadLimit - 8, 0}));
+  const auto* uuid = only<MP4::UUID>(movie, "uuid");
+  EXPECT_TRUE(uuid->payload.empty());
+  EXPECT_TRUE(MP4::refusedAsOversized(*uuid));
+  EXPECT_TRUE(only<MP4::HDLR>(movie, "meta.hdlr")->name.empty());
+  EXPECT_TRUE(only<MP4::AVCC>(movie, at("stsd.avc1.avcC").c_str())->payload.empty());
+  EXPECT_EQ(console.text(),
+            "moov.udta.@mod: 2147483648 bytes, over the 16 MiB limit, not read.\n"
+            "moov.udta.KMKN: 2147483648 bytes, over the 16 MiB limit, not read.\n"
+            "uuid: 2147483648 bytes, over the 16 MiB limit, not read.\n");
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  EXPECT_LT(usage.ru_maxrss, 256 * 1024);  // kilobytes
 }
 
-TEST(UUID, APayloadPastTheFileIsNotInvented) {
+TEST(UUID, KeepsItsPayloadInPiecesAsFarAsTheFileHoldsIt) {
   TempDir dir;
-  auto movie = attachBytes(dir, Box("uuid").zeros(16).str("abc").rawSize(0x7FFFFFFF).build());
-  auto* uuid = dynamic_cast<MP4::UUID*>(movie->root->children.at(0));
-  ASSERT_NE(uuid, nullptr);
-  EXPECT_LE(uuid->payload.size(), 3u);
+  const std::string xml(1300, 'x');
+  auto movie = attachBytes(dir, concat({Box("uuid").zeros(15).u8(1).str(xml).build(),
+                                        Box("uuid").zeros(16).str("abc").rawSize(1 << 20).build()}));
+  auto all = findAll(*movie, "uuid");
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(static_cast<MP4::UUID*>(all[0])->payloadText(), xml);
+  EXPECT_EQ(static_cast<MP4::UUID*>(all[0])->usertypeText(), L"00000000-0000-0000-0000-000000000001");
+  EXPECT_LE(static_cast<MP4::UUID*>(all[1])->payload.size(), 3u);
 }
 
 TEST(UUID, SerialisesAsACompleteBox) {

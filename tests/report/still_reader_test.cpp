@@ -1,10 +1,14 @@
 // The still readers: the camera record of a JPEG (first 64 KiB) and of a
-// DNG (whole file, with its preview and stitching tables), their dumps and
-// failure lines; fixtures checked by exiftool, exiv2 and ffmpeg; real stills
+// DNG (read where the walk goes, with its preview and stitching tables),
+// their dumps and failure lines; fixtures checked by exiftool, exiv2 and ffmpeg; real stills
 // of other makers refused.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include "exif/exif_parser.h"
 #include "report/meta_reader.h"
@@ -72,26 +76,60 @@ TEST(StillReader, JpegReadsQuietlyDumpsOnRequestAndPrintsItsFailures) {
   EXPECT_TRUE(out.console.ends_with("ExifParser::attachJPEG() for '" + path + "' failed - Invalid position\n"));
 }
 
-TEST(StillReader, DngGivesTheRecordPreviewAndTables) {
-  TempDir dir;
+// Writes bytes at offset of an existing file, leaving a hole before them.
+void writeAt(const std::string& path, uint64_t offset, const Bytes& bytes) {
+  std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
+  out.seekp(static_cast<std::streamoff>(offset));
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+TEST(StillReader, DngIsReadWhereTheWalkGoesWhateverTheFileSize) {
+  // IFD0 at the front; the SubIFDs, the Exif IFD, the maker note (with a
+  // version text longer than the walker's window) and the preview 3 GiB in.
+  constexpr uint32_t kFar = 0xC0000000;
   const Bytes preview = fromHex("FFD8 FFDB 0004 0000 FFD9");
-  const Bytes tiff = TiffBuilder().build(cameraDngIfd0(previewIfd(preview)));
+  const std::string version(40000, 'V');
+  const Bytes far = TiffBuilder().buildAt(
+      Ifd()
+          .subs(0x014A, {Ifd().longs(0x00FE, {0}), previewIfd(preview)})
+          .sub(0x8769, Ifd().makerNote(0x927C, Ifd().ascii(0x0002, version).sub(0x4001, cameraZepra()))),
+      kFar);
+  const auto valueOf = [&](size_t entry) {  // of the holding directory's entries
+    const size_t at = 2 + 12 * entry + 8;
+    return uint32_t{far[at]} << 24 | uint32_t{far[at + 1]} << 16 | uint32_t{far[at + 2]} << 8 | far[at + 3];
+  };
+  TempDir dir;
+  const std::string path = dir.write("far.dng", TiffBuilder().build(Ifd()
+                                                                        .ascii(0x0131, "KV-360 Ver 1.20")
+                                                                        .raw(0x014A, kLong, 2, valueOf(0))
+                                                                        .raw(0x8769, kLong, 1, valueOf(1))));
+  writeAt(path, kFar, far);
   MetaReader reader;
-  const Outcome out = parse(reader, dir.write("still.dng", tiff), true);
+  const Outcome out = parse(reader, path, true);
   ASSERT_TRUE(out.ok) << out.console;
-  EXPECT_STREQ(reader.stillRecord.software.c_str(), "KV-360 Ver 1.20");
-  ASSERT_LE(uint64_t{reader.previewOffset} + reader.previewLength, tiff.size());
-  EXPECT_EQ(Bytes(&tiff[reader.previewOffset], &tiff[reader.previewOffset + reader.previewLength]), preview);
-  EXPECT_EQ(tiff[reader.affineTable1Offset] + tiff[reader.affineTable2Offset], 0xA1 + 0xA2);
+  EXPECT_EQ(reader.stillRecord.software, "KV-360 Ver 1.20" + std::string(1, '\0'));
+  EXPECT_EQ(reader.stillRecord.cpuVersion, version + '\0');
+  EXPECT_FLOAT_EQ(reader.stillRecord.yaw, 123.25f);
+  const auto found = std::search(far.begin(), far.end(), preview.begin(), preview.end());
+  EXPECT_EQ(reader.previewOffset, kFar + (found - far.begin()));
+  EXPECT_EQ(reader.previewLength, preview.size());
+  EXPECT_EQ(far[reader.affineTable1Offset - kFar] + far[reader.affineTable2Offset - kFar], 0xA1 + 0xA2);
   EXPECT_NE(out.console.find("\nSubIFDs[1] (4)\n"), std::string::npos);
   EXPECT_TRUE(
       out.console.ends_with("     samplingRate: 29.970030\n\nTable1: " + std::to_string(reader.affineTable1Offset) +
                             ", 24\nTable2: " + std::to_string(reader.affineTable2Offset) + ", 40\n\n"))
       << out.console;
 
-  const std::string empty = dir.write("empty.dng", {});
-  EXPECT_EQ(parse(reader, empty).console, "FileIO.read(" + empty + ") failed.\n");
+  std::filesystem::resize_file(path, kFar + 100);  // cut inside the maker note
+  EXPECT_EQ(parse(reader, path).console, "ExifParser::attachDNG() failed - Invalid position\n");
+  std::filesystem::resize_file(path, 0);
+  EXPECT_EQ(parse(reader, path).console, "FileIO.read(" + path + ") failed.\n");
   EXPECT_EQ(reader.previewOffset + reader.previewLength + reader.affineTable2Offset, 0u);
+  std::filesystem::resize_file(path, uint64_t{1} << 30);  // 1 GiB, no TIFF header
+  EXPECT_EQ(parse(reader, path).console, "ExifParser::attachDNG() failed - Invalid TIFF-ID(0x002A).\n");
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  EXPECT_LT(usage.ru_maxrss, 256 * 1024);  // kilobytes
 }
 
 TEST(StillReader, OtherToolsReadOurFixturesAndTheirImagesDecode) {

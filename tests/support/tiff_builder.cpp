@@ -71,7 +71,9 @@ namespace {
 // Lays directories out one after another, each followed by its own data.
 class Layout {
  public:
-  Layout(bool bigEndian, Bytes start) : bigEndian_(bigEndian), out(std::move(start)) {}
+  // origin: where out[0] lies in the block; offsets written count from the block's start.
+  Layout(bool bigEndian, Bytes start, uint32_t origin = 0)
+      : bigEndian_(bigEndian), origin_(origin), out(std::move(start)) {}
 
   uint32_t place(const Ifd& ifd) {
     align();
@@ -92,7 +94,7 @@ class Layout {
           if (data.size() <= 4) {
             std::copy(data.begin(), data.end(), out.begin() + static_cast<std::ptrdiff_t>(field + 8));
           } else {
-            put(field + 8, 4, append(data));
+            put(field + 8, 4, origin_ + append(data));
           }
           break;
         }
@@ -100,24 +102,24 @@ class Layout {
           put(field + 8, 4, e.value);
           break;
         case Ifd::Entry::kChild:
-          put(field + 8, 4, place(e.children[0]));
+          put(field + 8, 4, origin_ + place(e.children[0]));
           break;
         case Ifd::Entry::kChildren: {
           count = static_cast<uint32_t>(e.children.size());
           const size_t array = count == 1 ? field + 8 : append(Bytes(4 * count, 0));
-          if (count != 1) put(field + 8, 4, array);
-          for (size_t j = 0; j < e.children.size(); ++j) put(array + 4 * j, 4, place(e.children[j]));
+          if (count != 1) put(field + 8, 4, origin_ + array);
+          for (size_t j = 0; j < e.children.size(); ++j) put(array + 4 * j, 4, origin_ + place(e.children[j]));
           break;
         }
         case Ifd::Entry::kMakerNote: {
           const uint32_t start = append(e.blob);
           place(e.children[0]);
           count = static_cast<uint32_t>(out.size() - start);
-          put(field + 8, 4, start);
+          put(field + 8, 4, origin_ + start);
           break;
         }
         case Ifd::Entry::kOffset:
-          put(field + 8, 4, append(e.blob));
+          put(field + 8, 4, origin_ + append(e.blob));
           break;
       }
       put(field + 4, 4, e.count.value_or(count));
@@ -153,6 +155,7 @@ class Layout {
   }
 
   bool bigEndian_;
+  uint32_t origin_;
 
  public:
   Bytes out;
@@ -166,6 +169,12 @@ Bytes TiffBuilder::build(const Ifd& ifd0) const {
   layout.put(2, 2, tiffId_.value_or(42));
   layout.put(4, 4, 8);
   layout.place(ifd0);
+  return layout.out;
+}
+
+Bytes TiffBuilder::buildAt(const Ifd& ifd, uint32_t origin) const {
+  Layout layout(bigEndian_, {}, origin);
+  layout.place(ifd);
   return layout.out;
 }
 

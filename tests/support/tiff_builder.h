@@ -86,6 +86,9 @@ class TiffBuilder {
 
   // The TIFF header at 0, then IFD0 at 8 with everything it points at.
   Bytes build(const Ifd& ifd0) const;
+  // ifd and everything it points at, to be put at offset origin (even) of a
+  // block whose TIFF header is at 0.
+  Bytes buildAt(const Ifd& ifd, uint32_t origin) const;
   // A bare maker note: the signature, then the directory; offsets count from
   // the signature.
   Bytes buildMakerNote(const Ifd& ifd) const;
