@@ -1,6 +1,7 @@
 #include "mp4/container.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "mp4/boxes.h"
 
@@ -45,7 +46,15 @@ void Container::parse(BinFile& f, uint64_t sizeLimit) {
 }
 
 void Container::find(const char* path, std::function<bool(BOX&)> predicate) const {
-  if (root != nullptr) root->find(path, std::move(predicate));
+  if (root == nullptr) return;
+  // A file has one movie: players read the first movie box, and so does
+  // every lookup inside it. A later one (the rewritten box that a -set1
+  // interrupted before it retired the old one appends) is not looked into.
+  if (moov != nullptr && std::strncmp(path, "moov.", 5) == 0) {
+    if (moov->hasChild()) static_cast<const NestedBox*>(moov)->find(path + 5, std::move(predicate));
+    return;
+  }
+  root->find(path, std::move(predicate));
 }
 
 void Container::if_not_found(const char* path, const std::function<void()>& action) const {

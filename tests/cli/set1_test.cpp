@@ -218,6 +218,16 @@ TEST_F(Set1, AppendAndRetireKeepsEveryBoxOfACameraMovie) {
     const std::string report = resultLine(runSondex({crashPath}).out);
     EXPECT_NE(report.find("\"model\":\"KORVU ZEPRA N2\""), std::string::npos) << report;
     EXPECT_NE(report.find("\"KDTBSamplingRate\":200"), std::string::npos) << report;
+    EXPECT_NE(report.find("\"dxvaDecodable\":false"), std::string::npos) << report;  // the first box's record
+    // -set1 again finishes the job through a rebuild (two movie boxes).
+    runSondex({"-set1", crashPath});
+    EXPECT_EQ(traced(crashPath, "constraint_set1_flag"), "1");
+    EXPECT_EQ(framemd5(crashPath), framemd5(before));
+    EXPECT_NE(report.find("\"dxvaDecodable\":false"), std::string::npos) << report;  // the first box's record
+    // -set1 again finishes the job through a rebuild (two movie boxes).
+    runSondex({"-set1", crashPath});
+    EXPECT_EQ(traced(crashPath, "constraint_set1_flag"), "1");
+    EXPECT_EQ(framemd5(crashPath), framemd5(before));
   }
 }
 
