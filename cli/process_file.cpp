@@ -72,7 +72,7 @@ void dumpMakerNotes(const MetaReader& reader, const wchar_t* path) {
     movie.find("moov.udta.KMKN", [&](MP4::BOX& box) {
       if (box.size < 9) return true;
       std::string payload;
-      movie.readPayload(box, payload);
+      if (!movie.readPayload(box, payload)) return true;  // over the size limit: said so already
       try {
         ExifParser parser;
         parser.attachKMKN(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
