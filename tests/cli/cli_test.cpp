@@ -68,15 +68,7 @@ class Cli : public testing::Test {
 // ------------------------------------------------------------ the result line
 
 TEST_F(Cli, ACameraMovieReportsEverything) {
-  const SensorLog log = turningCamera(1.0, 0.5);
-  CameraBoxes boxes;
-  boxes.model = "KORVU ZEPRA N2";
-  boxes.makerNote = TiffBuilder(kBigEndian).build(cameraIfd0(cameraMakerNote(), "KORVU ZEPRA N2", "2.00.1"));
-  boxes.udta = {SampleBox("KDTB").rate(200).add(log.gyro).build(), SampleBox("KDTC").rate(30).add(log.compass).build(),
-                SampleBox("KDTD").rate(30).add(log.gravity).build(), SampleBox("KDTG").add(log.stamps).build()};
-  boxes.location = "+48.8584+002.2945/";
-  boxes.sphericalXml = sphericalXmlText("Stitch \"Pro\"", -45, 10, 100);
-  boxes.xmp = xmpText("Editor 7");
+  const CameraBoxes boxes = turningCameraBoxes("Stitch \"Pro\"");
   for (const bool hevc : {false, true}) {
     const std::string path =
         dir_.write("cam.mp4", injectCameraBoxes(ffmpegMovie(hevc ? "-c:v libx265 -tag:v hvc1 -x265-params "

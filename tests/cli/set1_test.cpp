@@ -82,15 +82,7 @@ class Set1 : public testing::Test {
   // A camera's movie: model, maker note, every sensor log and the location
   // in moov.udta, spherical XML in the track, XMP after the movie box.
   Bytes cameraMovie(bool movieFirst) {
-    const SensorLog log = turningCamera(1.0, 0.5);
-    CameraBoxes boxes;
-    boxes.model = "KORVU ZEPRA N2";
-    boxes.makerNote = TiffBuilder(kBigEndian).build(cameraIfd0(cameraMakerNote(), "KORVU ZEPRA N2", "2.00.1"));
-    boxes.udta = {SampleBox("KDTB").rate(200).add(log.gyro).build(), SampleBox("KDTC").rate(30).add(log.compass).build(),
-                  SampleBox("KDTD").rate(30).add(log.gravity).build(), SampleBox("KDTG").add(log.stamps).build()};
-    boxes.location = "+48.8584+002.2945/";
-    boxes.sphericalXml = sphericalXmlText("Stitch", -45, 10, 100);
-    boxes.xmp = xmpText("Editor 7");
+    const CameraBoxes boxes = turningCameraBoxes("Stitch");
     return clearSet1(injectCameraBoxes(baseline("128x64", movieFirst ? "-movflags +faststart" : ""), boxes));
   }
 

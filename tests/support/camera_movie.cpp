@@ -9,6 +9,8 @@
 #include "tests/support/files.h"
 #include "tests/support/mp4_builder.h"
 #include "tests/support/movie.h"
+#include "tests/support/sensor_boxes.h"
+#include "tests/support/tiff_builder.h"
 
 namespace sondex::test {
 
@@ -153,6 +155,19 @@ Bytes ffmpegMovie(const std::string& options, double seconds) {
   run("ffmpeg -v error -y -f lavfi -i testsrc=size=384x192:rate=30 -t " + std::to_string(seconds) +
       " -threads 1 " + options + " '" + path + "'");
   return readFile(path);
+}
+
+CameraBoxes turningCameraBoxes(const std::string& stitcher) {
+  const SensorLog log = turningCamera(1.0, 0.5);
+  CameraBoxes boxes;
+  boxes.model = "KORVU ZEPRA N2";
+  boxes.makerNote = TiffBuilder(kBigEndian).build(cameraIfd0(cameraMakerNote(), "KORVU ZEPRA N2", "2.00.1"));
+  boxes.udta = {SampleBox("KDTB").rate(200).add(log.gyro).build(), SampleBox("KDTC").rate(30).add(log.compass).build(),
+                SampleBox("KDTD").rate(30).add(log.gravity).build(), SampleBox("KDTG").add(log.stamps).build()};
+  boxes.location = "+48.8584+002.2945/";
+  boxes.sphericalXml = sphericalXmlText(stitcher, -45, 10, 100);
+  boxes.xmp = xmpText("Editor 7");
+  return boxes;
 }
 
 }  // namespace sondex::test

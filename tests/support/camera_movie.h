@@ -29,6 +29,11 @@ Bytes xmpUsertype();
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov);
 std::string xmpText(const std::string& creatorTool);
 
+// The boxes of a "KORVU ZEPRA N2" turning at half a radian per second for a
+// second: maker note, the four sensor logs, location, spherical XML (with
+// the given stitching software) and XMP.
+CameraBoxes turningCameraBoxes(const std::string& stitcher);
+
 // The movie with the camera's boxes added.
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes);
 
