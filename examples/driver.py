@@ -16,7 +16,6 @@ Uses the Python standard library only.
 import argparse
 import json
 import os
-import re
 import secrets
 import shutil
 import subprocess
@@ -65,27 +64,13 @@ def request_line(fields):
     return line, None
 
 
-# The report is one-line JSON. A line that does not parse (written by another
-# build of the program, say) is repaired as far as it can be: the words inf
-# and nan become null and every backslash is taken as text, so that such a
-# line still yields its other values.
-_NON_NUMBER = re.compile(r':(-?(?:inf|nan))(?=[,}])')
-
-
 def parse_result(text):
-    """Parse the JSON behind "result: ". Returns (object, repaired)."""
+    """Parse the JSON behind "result: "; None when it is not a JSON object."""
     try:
-        return json.loads(text), False
+        result = json.loads(text)
     except json.JSONDecodeError:
-        pass
-    fixed = _NON_NUMBER.sub(":null", text)
-    # Every backslash is the program's own text: double it, so that a text
-    # ending in a backslash no longer swallows its closing quote.
-    fixed = fixed.replace("\\", "\\\\")
-    try:
-        return json.loads(fixed), True
-    except json.JSONDecodeError:
-        return None, True
+        return None
+    return result if isinstance(result, dict) else None
 
 
 class Sondex:
@@ -257,7 +242,7 @@ def main(argv):
             if text is None:
                 rows.append((path, kind, "no answer", "", messages[-1]))
                 continue
-            result, repaired = parse_result(text)
+            result = parse_result(text)
             if result is None:
                 rows.append((path, kind, "unreadable", "", text))
                 continue
@@ -267,8 +252,6 @@ def main(argv):
                 continue
             counts = [count_samples(d) for d in dumps]
             detail = describe(result, kind, counts)
-            if repaired:
-                detail += "  (repaired)"
             rows.append((path, kind, status, result.get("model", ""), detail))
         exit_status = sondex.close()
     finally:
