@@ -81,15 +81,6 @@ TEST(YawPhysics, ALockedConstantTurnGrowsAtItsRateAboutTheTrueVertical) {
   }
 }
 
-TEST(YawPhysics, AlternateFlipsTheSignAndACameraAtRestStaysAtZero) {
-  const SensorLog turning = turningCamera(5, 0.7), resting = turningCamera(5, 0, 0.3);
-  for (const Mode::MODE mode : {Mode::ENABLED, Mode::LOCK_DIR}) {
-    const std::vector<float> plain = yawOf(turning, mode, false, true), flipped = yawOf(turning, mode, true, true);
-    for (size_t i = 0; i < plain.size(); ++i) ASSERT_EQ(flipped[i], -plain[i]) << i;
-    for (const float v : yawOf(resting, mode, false, true)) ASSERT_EQ(v, 0.0f);
-  }
-}
-
 TEST(YawPhysics, GravityPullsATiltedIntegrationBackToLevel) {
   // A spurious 60-degree jolt about the first axis in 25 ms: left in the
   // integration, the later rates would turn it about the wrong axis.
