@@ -43,7 +43,7 @@ TEST(DumpToJSON, HeadValues) {
   reader.probe.videoBitRate = 12345678.9f;
   reader.hasSpatialSound = true;
   reader.hasSA3DSound = true;
-  reader.topBottomCorrection.resize(1);
+  reader.sensorLogs.retimed.resize(1);
   const std::string line = movieLine(reader);
   EXPECT_EQ(line.substr(0, line.find(", \"KDTD")),
             "result: {\"status\":\"succeed\", \"hasKDTD\":true, \"type\":\"equi\", \"codec\":\"H265\", "
@@ -117,7 +117,7 @@ TEST(DumpToJSON, TailElementsInOrderUnderTheirConditions) {
   reader.probe.codec = 1;
   reader.profileIdc = 66;
   reader.constrainedSet1Flag = true;
-  reader.topBottomCorrection.resize(2);
+  reader.sensorLogs.retimed.resize(2);
   reader.topBottomCorrectionSamplingRate = 30;
   reader.gyroSamplingRate = 200;
   reader.ecompassSamplingRate = 30;

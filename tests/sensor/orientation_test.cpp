@@ -59,7 +59,7 @@ TEST(LoadGen2, TooFewCompassSamplesFailWithThreeLines) {
       dir, sensorMovie({SampleBox("KDTC").add(compass).build(), SampleBox("KDTD").add(log.gravity).build()}));
   S stream;
   ConsoleCapture capture;
-  EXPECT_FALSE(stream.loadGen2(*movie, 30));
+  EXPECT_FALSE(stream.loadGen2(SensorLogs::read(*movie), 30));
   EXPECT_EQ(capture.text(), "KDTD: No KDTG entries.\nKDTC/KDTD is not enough size.\n  KDTC:   100\n  KDTD/G: 101\n");
   EXPECT_TRUE(stream.sensorTable.empty());
 }
@@ -73,7 +73,7 @@ TEST(LoadGen2, PairsGravityWithCompassAndJudgesTheClip) {
                                              SampleBox("KDTI").add(YawCorrection{}).build()}));
   S stream;
   ConsoleCapture capture;
-  ASSERT_TRUE(stream.loadGen2(*movie, 15));
+  ASSERT_TRUE(stream.loadGen2(SensorLogs::read(*movie), 15));
   EXPECT_EQ(std::tuple(stream.sampleCount, stream.rate, stream.step), std::tuple(1, 100, 2));
   const TAccelSensorInfo& e = stream.sensorTable.at(0);
   EXPECT_EQ(std::vector<int>(e.axis, e.axis + 3), (std::vector<int>{0, 16384, 0}));
