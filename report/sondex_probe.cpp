@@ -8,7 +8,7 @@
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
-#include "report/movie_description.h"
+#include "report/describer_process.h"
 #include "report/xml_text.h"
 #include "sensor/yaw_stabilizer.h"
 
@@ -146,7 +146,7 @@ void Sondex::detectGyroData(MP4::Container& movie) {
 
 void Sondex::detect_movie(const std::wstring& path) {
   MovieDescription description;
-  if (!describeMovie(path, description)) return;
+  if (!describeInTime(path, description)) return;
   frameRate = description.frameRate;
   width = static_cast<int32_t>(description.width);
   height = static_cast<int32_t>(description.height);
