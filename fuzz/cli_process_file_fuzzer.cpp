@@ -28,6 +28,7 @@
 #include "fuzz/fuzz_support.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
+#include "report/describer_process.h"
 #include "report/meta_reader.h"
 #include "report/movie_description.h"
 
@@ -60,11 +61,11 @@ uint32_t fieldAfter(const std::string& bytes, const char* code, size_t distance)
 }  // namespace
 
 // Stands in for report/movie_description.cpp (FFmpeg), which this target
-// does not link. The description runs on a thread of its own, where nothing
-// may print, so the fake looks at the file's bytes instead of parsing its
-// boxes: a movie is described when its first track header (version 0) has
-// a size; the frame rate is the first media header's time scale over the
-// first sample duration. Decoding is what it leaves out.
+// does not link. The description runs in the describer process, where
+// nothing may print, so the fake looks at the file's bytes instead of
+// parsing its boxes: a movie is described when its first track header
+// (version 0) has a size; the frame rate is the first media header's time
+// scale over the first sample duration. Decoding is what it leaves out.
 bool describeMovie(const std::wstring& path, MovieDescription& out) {
   std::string bytes;
   if (!readWhole(GLTK::wchar::wcs2mbs(path), bytes)) return false;
@@ -183,6 +184,10 @@ void checkRequestStream(int status, const std::string& text) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   initProgram();
+  // The describer process and its socket last as long as the program:
+  // started here, they are there before the first count of open files.
+  MovieDescription none;
+  describeInTime(L"", none);
   g_output = new Output;
   GLTK::Console::set_sink(g_output->sink());
   MetaReader::usage();

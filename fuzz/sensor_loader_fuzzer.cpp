@@ -1,10 +1,9 @@
 // The sensor logs of a movie: the input's first byte picks the yaw mode and
 // the sensor pace, the rest becomes the content of moov.udta (the sample
-// boxes KDTB, KDTC, KDTD, KDTG, KDTH, KDTI). Loaded as the movie reader
-// loads them, then the orientation analysis and the yaw table.
+// boxes KDTB, KDTC, KDTD, KDTG, KDTI). Read as the movie reader reads them,
+// then the orientation analysis and the yaw table.
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
@@ -43,28 +42,20 @@ void checkBacked(const std::vector<T>& records, size_t bytesEach, size_t fileSiz
 }
 
 void readSensors(MP4::Container& movie, uint8_t control, size_t fileSize) {
-  std::vector<Sensors::Gyro> gyro;
-  std::vector<Sensors::Ecompass> compass;
-  std::vector<Sensors::TopBottomCorrection> gravity;
-  std::vector<Sensors::Quaternion> quaternions;
-  uint16_t rate = 0;
-  Sensors::loadGen2_KDTB(movie, gyro, rate);
-  Sensors::loadGen2_KDTC(movie, compass, rate);
-  Sensors::loadGen3_KDTD_with_KDTG(movie, gravity, rate);
-  Sensors::loadGen1_KDTH(movie, quaternions, rate);
-  checkBacked(gyro, sizeof(Sensors::Gyro), fileSize);
-  checkBacked(compass, sizeof(Sensors::Ecompass), fileSize);
-  checkBacked(gravity, sizeof(uint64_t), fileSize);
-  checkBacked(quaternions, sizeof(Sensors::Quaternion), fileSize);
+  const SensorLogs logs = SensorLogs::read(movie);
+  checkBacked(logs.gyro.load(), sizeof(Sensors::Gyro), fileSize);
+  checkBacked(logs.compass.load(), sizeof(Sensors::Ecompass), fileSize);
+  checkBacked(logs.yawCorrections.records, sizeof(Sensors::YawCorrection), fileSize);
+  checkBacked(logs.loadRetimed(), sizeof(uint64_t), fileSize);
   const int pace = (control & 4) != 0 ? 30 : 15;
   Sensors sensors;
-  sensors.loadGen2(movie, pace);
+  sensors.loadGen2(logs, pace);
   static constexpr VideoStabilizationMode::MODE kModes[4] = {
       VideoStabilizationMode::DISABLED, VideoStabilizationMode::ENABLED, VideoStabilizationMode::LOCK_DIR,
       VideoStabilizationMode::ENABLED};
   const VideoStabilizationMode::MODE mode = kModes[control & 3];
   YawStabilizer yaw;
-  yaw.init(movie, mode, pace, sensors.reversed, (control & 8) != 0 ? 0x40002 : 0);
+  yaw.init(logs, mode, pace, sensors.reversed, (control & 8) != 0 ? 0x40002 : 0);
   // One value per yaw-correction record or per gravity sample.
   checkBacked(yaw.table(), sizeof(uint64_t), fileSize);
 }

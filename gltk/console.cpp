@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <cstdarg>
@@ -10,16 +9,12 @@
 #include <climits>
 #include <cwchar>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace GLTK {
 
 namespace {
 
 FILE* g_sink = nullptr;
-std::string* g_capture = nullptr;  // the innermost live capture
-std::vector<std::string*> g_records;  // every live record
 
 void writeAll(int fd, const char* data, size_t n) {
   while (n > 0) {
@@ -62,34 +57,9 @@ void Console::out(const wchar_t* format, ...) {
     text.append(one, n);
   }
   std::free(wide);
-  write(text);
-}
-
-void Console::write(const std::string& text) {
-  for (std::string* record : g_records) record->append(text);
-  if (g_capture != nullptr) {
-    g_capture->append(text);
-    return;
-  }
   FILE* stream = sink();
   fflush(stream);
   writeAll(fileno(stream), text.data(), text.size());
-}
-
-Console::Record::Record() { g_records.push_back(&text_); }
-
-Console::Record::~Record() { g_records.erase(std::find(g_records.begin(), g_records.end(), &text_)); }
-
-Console::Capture::Capture() : previous_(g_capture) { g_capture = &text_; }
-
-Console::Capture::~Capture() { release(); }
-
-std::string Console::Capture::release() {
-  if (active_) {
-    g_capture = previous_;
-    active_ = false;
-  }
-  return std::move(text_);
 }
 
 void Console::dump(const wchar_t* label, const unsigned char* bytes, unsigned long n) {

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdio>
-#include <string>
 
 namespace GLTK {
 
@@ -26,39 +25,6 @@ class Console {
     LocaleC(const LocaleC&) = delete;
     LocaleC& operator=(const LocaleC&) = delete;
   };
-
-  // Holds back what out() writes while it lives; the text can then be
-  // written with write() or dropped. Captures nest.
-  class Capture {
-   public:
-    Capture();
-    ~Capture();
-    Capture(const Capture&) = delete;
-    Capture& operator=(const Capture&) = delete;
-    // Ends the capture early and returns what it held.
-    std::string release();
-
-   private:
-    std::string text_;
-    std::string* previous_;
-    bool active_ = true;
-  };
-
-  // Keeps a copy of everything written while it lives, captured or not.
-  class Record {
-   public:
-    Record();
-    ~Record();
-    Record(const Record&) = delete;
-    Record& operator=(const Record&) = delete;
-    const std::string& text() const { return text_; }
-
-   private:
-    std::string text_;
-  };
-
-  // Writes already formatted text (as out() would have written it).
-  static void write(const std::string& text);
 
   // Where out() writes; standard output unless a test points it elsewhere.
   static FILE* sink();

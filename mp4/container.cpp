@@ -21,7 +21,6 @@ void Container::parse(BinFile& f, uint64_t sizeLimit) {
   delete root;
   root = nullptr;
   moov = mdat = videoTrak = nullptr;
-  derived.clear();
 
   root = new ROOT(0, std::min(f.length(), sizeLimit), code("root"), nullptr);
   root->depth = -1;

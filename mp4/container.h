@@ -4,8 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
-#include <memory>
 #include <string>
 
 #include "gltk/byte_array.h"
@@ -70,11 +68,6 @@ class Container {
   // else by appending a rewritten movie box and retiring the old one when
   // the file's top-level boxes allow it, else by rebuilding the file.
   bool appendFullRangeAndConstrainedSet1Flag(bool fullRange);
-
-  // Results worked out from this parse of the file (sensor logs and the
-  // like), so that what several readers ask for is read once. Emptied by
-  // every parse.
-  std::map<std::string, std::shared_ptr<void>> derived;
 
   std::wstring path;
   const wchar_t* outputPath = nullptr;  // where a rebuilt file goes instead of path

@@ -1,6 +1,6 @@
-// Reading one movie: the probe first, then, when the movie can be
-// described, its sensor logs, yaw table, view settings, location, frame
-// size, spatial-audio flags and avcC flags.
+// Reading one movie, in the order of its console lines: the probe first,
+// then, when the movie can be described, its sensor logs, yaw table, view
+// settings, location, frame size, spatial-audio flags and avcC flags.
 #include "report/meta_reader.h"
 
 #include <limits>
@@ -28,48 +28,31 @@ bool MetaReader::parse(const wchar_t* file) {
   constrainedSet1Flag = false;
   fullRange = false;
   hasSA3DSound = false;
-  dropSamples();
+  sensorLogs = SensorLogs();
+  yawStabilizer = YawStabilizer();
+  gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
 
-  // While the movie is being described on another thread, the boxes are
-  // read and the sensor logs loaded and analysed here, ahead of time. What
-  // that prints is held back and written, in its place after the probe's
-  // own lines, only when the movie turns out readable; otherwise it is
-  // dropped with the samples, as if it had never been read.
-  probe.start(path);
-  GLTK::Console::Capture opening;
+  const bool ok = probe.probe(path);
   MP4::Container movie;
-  const bool opened = movie.attach(path, ~0ULL);
-  const std::string openingText = opening.release();
-  GLTK::Console::Capture ahead;
-  AccelSensorStreamEmbed sensors;
-  if (opened) {
-    gyroLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Gyro>(
-        movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Gyro>);
-    gyroSamplingRate = gyroLog_->samplingRate;
-    compassLog_ = AccelSensorStreamEmbed::openLog<AccelSensorStreamEmbed::Ecompass>(
-        movie, "KDTC", AccelSensorStreamEmbed::swap_xyzt<AccelSensorStreamEmbed::Ecompass>);
-    ecompassSamplingRate = compassLog_->samplingRate;
-    gravity_ = AccelSensorStreamEmbed::retimedGravity(movie);
-    topBottomCorrectionSamplingRate = gravity_->samplingRate;
-    // Its divisor only fills fields nothing here reads, so it need not
-    // wait for the pace, which comes with the movie's description.
-    sensors.loadGen2(movie, 30);
-  }
-  const std::string aheadText = ahead.release();
-  const bool ok = probe.finish();
-  GLTK::Console::write(openingText);
-  if (!opened || !ok) {
-    dropSamples();
-    return ok;
-  }
-  GLTK::Console::write(aheadText);
+  if (!movie.attach(path, ~0ULL) || !ok) return ok;
 
-  // Sensor logs are paced at 30 or 15 per second depending on the movie.
+  // The sensor logs, read once; each step then takes what it needs in
+  // turn: the three streams of the report, the orientation analysis, the
+  // yaw table. The logs are paced at 30 or 15 per second with the movie.
+  sensorLogs = SensorLogs::read(movie);
+  sensorLogs.gyro.load();
+  sensorLogs.compass.load();
+  sensorLogs.loadRetimed();
+  gyroSamplingRate = sensorLogs.gyro.samplingRate;
+  ecompassSamplingRate = sensorLogs.compass.samplingRate;
+  topBottomCorrectionSamplingRate = sensorLogs.gravity.samplingRate;
   const int pace = probe.frameRate > 29.0f ? 30 : 15;
+  AccelSensorStreamEmbed sensors;
+  sensors.loadGen2(sensorLogs, pace);
   const auto mode =
       VideoStabilizationMode::yawMode(static_cast<ExifParser::VIDEO_STABILIZATION>(probe.record.stabilize));
   // An upside-down camera turns the other way about the vertical axis.
-  yawStabilizer.init(movie, mode, pace, sensors.reversed, probe.cameraVersion);
+  yawStabilizer.init(sensorLogs, mode, pace, sensors.reversed, probe.cameraVersion);
 
   movie.find("moov.trak.uuid", [&](MP4::BOX& box) {
     const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
@@ -114,26 +97,4 @@ bool MetaReader::parse(const wchar_t* file) {
     return true;
   });
   return ok;
-}
-
-void MetaReader::dropSamples() {
-  gyro.clear();
-  ecompass.clear();
-  topBottomCorrection.clear();
-  gyroLog_.reset();
-  compassLog_.reset();
-  gravity_.reset();
-  gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
-}
-
-const std::vector<AccelSensorStreamEmbed::Gyro>& MetaReader::gyroSamples() const {
-  return gyroLog_ ? gyroLog_->records() : gyro;
-}
-
-const std::vector<AccelSensorStreamEmbed::Ecompass>& MetaReader::compassSamples() const {
-  return compassLog_ ? compassLog_->records() : ecompass;
-}
-
-const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& MetaReader::gravitySamples() const {
-  return gravity_ ? gravity_->samples : topBottomCorrection;
 }

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -23,14 +22,13 @@ class MetaReader {
   template <class T>
   bool dumpXYZT(std::vector<T> samples, const std::wstring& path, std::function<void(std::ostream&)> extra);
 
-  // The three sample streams as parse() left them. The gyro and compass
-  // samples are read from the movie when first asked for, since only their
-  // dump files need them; the gravity samples are shared with the analysis
-  // that worked them out. (Each falls back to its vector below when parse()
-  // did not set it.)
-  const std::vector<AccelSensorStreamEmbed::Gyro>& gyroSamples() const;
-  const std::vector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const;
-  const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravitySamples() const;
+  // The three sample streams of the report and the dump files: gyro and
+  // compass as recorded, gravity re-timed on KDTG.
+  const std::vector<AccelSensorStreamEmbed::Gyro>& gyroSamples() const { return sensorLogs.gyro.records; }
+  const std::vector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const { return sensorLogs.compass.records; }
+  const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravitySamples() const {
+    return sensorLogs.retimed;
+  }
 
   // Stills.
   bool parse_JPEG(const wchar_t* path, bool dump);
@@ -43,9 +41,9 @@ class MetaReader {
 
   std::wstring path;
   Sondex probe;
-  std::vector<AccelSensorStreamEmbed::Gyro> gyro;
-  std::vector<AccelSensorStreamEmbed::Ecompass> ecompass;
-  std::vector<AccelSensorStreamEmbed::TopBottomCorrection> topBottomCorrection;
+  // Read once from the movie, before anything is written: the analysis, the
+  // yaw table and the dump files all work from this snapshot.
+  SensorLogs sensorLogs;
   uint16_t gyroSamplingRate = 0;
   uint16_t ecompassSamplingRate = 0;
   uint16_t topBottomCorrectionSamplingRate = 0;
@@ -70,13 +68,6 @@ class MetaReader {
   uint32_t affineTable1Length = 0;
   uint32_t affineTable2Offset = 0;
   uint32_t affineTable2Length = 0;
-
- private:
-  void dropSamples();
-
-  std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>> gyroLog_;
-  std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Ecompass>> compassLog_;
-  std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> gravity_;
 };
 
 // Widens and blanks a text for the report: double quotes, backslashes and

@@ -8,7 +8,7 @@
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
-#include "report/describer_thread.h"
+#include "report/describer_process.h"
 #include "report/xml_text.h"
 #include "sensor/yaw_stabilizer.h"
 
@@ -30,12 +30,6 @@ const MP4::UUID* uuidOfType(MP4::BOX& box, const MP4::UUID::Usertype& usertype) 
 
 }  // namespace
 
-Sondex::Sondex() : describe(describeMovie) {}
-
-Sondex::~Sondex() {
-  if (description_.valid()) description_.wait();
-}
-
 void Sondex::init() {
   cameraVersion = 0;
   frameRate = 0;
@@ -52,41 +46,17 @@ void Sondex::init() {
 }
 
 bool Sondex::probe(const std::wstring& path) {
-  start(path);
-  return finish();
-}
-
-bool Sondex::start(const std::wstring& path) {
   init();
-  // The description opens the file on its own and decides nothing the box
-  // readers print, so it runs beside them from the start; when the file
-  // cannot be opened here its answer is not used (but still waited for,
-  // below or when the probe goes, so that none outlives its probe).
-  if (description_.valid()) description_.wait();
-  description_ = DescriberThread::run([describer = describe, path]() -> std::optional<MovieDescription> {
-    MovieDescription d;
-    if (!describer || !describer(path, d)) return std::nullopt;
-    return d;
-  });
-  movie_ = std::make_unique<MP4::Container>();
-  if (!movie_->attach(path, ~0ULL)) {
-    movie_.reset();
-    return false;
-  }
-  readModel(*movie_);
-  readKMKN(*movie_);
-  readCodec(*movie_);
-  readSphericalXML(*movie_);
-  readXMP(*movie_);
-  detectGyroData(*movie_);
-  return true;
-}
-
-bool Sondex::finish() {
-  if (movie_) {
-    if (const std::optional<MovieDescription> d = description_.get()) take(*d);
-    detectBitRate(*movie_);
-    movie_.reset();
+  MP4::Container movie;
+  if (movie.attach(path, ~0ULL)) {
+    readModel(movie);
+    readKMKN(movie);
+    readCodec(movie);
+    readSphericalXML(movie);
+    readXMP(movie);
+    detectGyroData(movie);
+    detect_movie(path);
+    detectBitRate(movie);
   }
   return width >= 1;
 }
@@ -176,10 +146,7 @@ void Sondex::detectGyroData(MP4::Container& movie) {
 
 void Sondex::detect_movie(const std::wstring& path) {
   MovieDescription description;
-  if (describe && describe(path, description)) take(description);
-}
-
-void Sondex::take(const MovieDescription& description) {
+  if (!describeInTime(path, description)) return;
   frameRate = description.frameRate;
   width = static_cast<int32_t>(description.width);
   height = static_cast<int32_t>(description.height);

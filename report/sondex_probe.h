@@ -5,30 +5,18 @@
 #pragma once
 
 #include <cstdint>
-#include <future>
-#include <memory>
-#include <optional>
 #include <string>
 
 #include "exif/exif_parser.h"
 #include "mp4/container.h"
-#include "report/movie_description.h"
 
 class Sondex {
  public:
-  Sondex();
-  virtual ~Sondex();
+  virtual ~Sondex() = default;
 
   void init();
   // True when the movie description could describe the movie.
   bool probe(const std::wstring& path);
-  // probe() in two halves: start() reads the boxes and sets the movie
-  // description going on the describer thread (it prints nothing), so that
-  // the caller can get on with other reading; finish() waits for it and
-  // takes the duration and bit rates. False from start(): the file could
-  // not be opened, and finish() has nothing to wait for.
-  bool start(const std::wstring& path);
-  bool finish();
 
   void readModel(MP4::Container& movie);
   void readKMKN(MP4::Container& movie);
@@ -54,15 +42,4 @@ class Sondex {
   float duration = 0;  // seconds
   float audioBitRate = 0;
   float videoBitRate = 0;
-
-  // How movies are described; the platform's reader unless a test sets
-  // another.
-  MovieDescriber describe;
-
- private:
-  // Frame size and rate from a successful description.
-  void take(const MovieDescription& description);
-
-  std::unique_ptr<MP4::Container> movie_;  // between start() and finish()
-  std::future<std::optional<MovieDescription>> description_;
 };

@@ -3,17 +3,14 @@
 // samples on the third camera generation (KDTG), orientation quaternions
 // (KDTH) and yaw corrections (KDTI). All six boxes under moov.udta share
 // one layout: a 16-byte header behind the box header, then fixed-size
-// records. AccelSensorStreamEmbed loads them and derives, from the gravity
-// and compass samples, a heading per sample and two whole-clip verdicts
-// (camera upside down, front facing backwards).
+// records. SensorLogs reads them; AccelSensorStreamEmbed derives, from the
+// gravity and compass samples, a heading per sample and two whole-clip
+// verdicts (camera upside down, front facing backwards).
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <functional>
-#include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +24,8 @@ struct TAccelSensorInfo {
                                 // (read it unsigned: above 32767 it is negative)
   int32_t auxiliary = 0;
 };
+
+class SensorLogs;
 
 class AccelSensorStreamEmbed {
  public:
@@ -45,6 +44,7 @@ class AccelSensorStreamEmbed {
     uint16_t reserved;
     uint64_t t;
   };
+  // KDTH: read by nothing here; kept for the metadata writer, which converts it.
   struct Quaternion {
     float w, x, y, z;
     uint64_t t;
@@ -66,11 +66,6 @@ class AccelSensorStreamEmbed {
     reverseBytes(record.t);
   }
   template <class T>
-  static void swap_wxyzt(T& record) {
-    reverseBytes(record.w);
-    swap_xyzt(record);
-  }
-  template <class T>
   static void swap_KDTI(T& record) {
     reverseBytes(record.yaw);
     reverseBytes(record.lockDir);
@@ -79,75 +74,12 @@ class AccelSensorStreamEmbed {
     reverseBytes(record.t);
   }
 
-  // A sample box as read for one parse of a movie. Its header is checked
-  // when it is opened, and what the check printed is printed again by every
-  // later load of the same box; its records are read from the file when
-  // first asked for, so a log nothing uses is never read.
-  template <class T>
-  class SampleLog {
-   public:
-    uint16_t samplingRate = 0;  // 0 unless the header passed its checks
-    // The records the box and the file hold.
-    uint64_t size() const { return count_; }
-    const std::vector<T>& records() const;
-
-   private:
-    friend class AccelSensorStreamEmbed;
-    std::string messages_;
-    std::wstring path_;
-    uint64_t first_ = 0;  // file offset of the first record
-    uint64_t count_ = 0;
-    bool bigEndian_ = false;
-    std::function<void(T&)> swap_;
-    mutable std::optional<std::vector<T>> records_;
-  };
-
-  // The first "moov.udta.<code>" box as a sample log, opened once per parse
-  // of the movie.
-  template <class T>
-  static std::shared_ptr<const SampleLog<T>> openLog(MP4::Container& movie, const char* code,
-                                                     std::function<void(T&)> swap);
-
-  // The gravity samples on the KDTG clock, worked out once per parse of the
-  // movie (what it printed is printed again by every later call).
-  struct RetimedGravity {
-    std::vector<TopBottomCorrection> samples;
-    uint16_t samplingRate = 0;
-    std::string messages;
-  };
-  static std::shared_ptr<const RetimedGravity> retimedGravity(MP4::Container& movie);
-
- private:
-  template <class T>
-  static void checkHeader(MP4::Container& movie, const MP4::BOX& box, const char* code, SampleLog<T>& log);
-
- public:
-
-  // The generic loader: the first "moov.udta.<code>" box, checked and read
-  // into out. A missing box leaves out empty and samplingRate 0, quietly.
-  // A failed check prints one line and leaves out empty. Only records that
-  // lie wholly inside both the box and the file are kept, so a count that
-  // slips through the 32-bit length check never sizes a buffer beyond the
-  // bytes that are really there. A 0x3210 box with records but no swap
-  // routine prints one line and loads as a box without records.
-  template <class T>
-  static void loadGen2_KDTx(MP4::Container& movie, const char* code, std::vector<T>& out, uint16_t& samplingRate,
-                            std::function<void(T&)> swap);
-
-  static void loadGen2_KDTB(MP4::Container& movie, std::vector<Gyro>& out, uint16_t& samplingRate);
-  static void loadGen2_KDTC(MP4::Container& movie, std::vector<Ecompass>& out, uint16_t& samplingRate);
-  static void loadGen2_KDTD(MP4::Container& movie, std::vector<TopBottomCorrection>& out, uint16_t& samplingRate);
-  static void loadGen2_KDTI(MP4::Container& movie, std::vector<YawCorrection>& out, uint16_t& samplingRate);
-  static void loadGen3_KDTG(MP4::Container& movie, std::vector<uint64_t>& out, uint16_t& samplingRate);
-  static void loadGen1_KDTH(MP4::Container& movie, std::vector<Quaternion>& out, uint16_t& samplingRate);
-  // Gravity samples re-timed onto the KDTG clock.
-  static void loadGen3_KDTD_with_KDTG(MP4::Container& movie, std::vector<TopBottomCorrection>& out,
-                                      uint16_t& samplingRate);
-
   // Pairs the gravity and compass samples, computes the headings and runs
-  // both verdicts (each prints its line). False, after a three-line
-  // message, when either log is empty or the compass log is the shorter.
-  bool loadGen2(MP4::Container& movie, int divisor);
+  // both verdicts (each prints its line). It takes the compass and KDTI logs
+  // and, when KDTI has records, the gravity samples as recorded, else those
+  // re-timed on KDTG. False, after a three-line message, when either list is
+  // empty or the compass list is the shorter.
+  bool loadGen2(const SensorLogs& logs, int divisor);
 
   void calcOrientation(TAccelSensorInfo& entry, const Ecompass& compass);
   // Rotation that carries the direction of a onto b.
@@ -186,3 +118,50 @@ static_assert(sizeof(AccelSensorStreamEmbed::Ecompass) == 24);
 static_assert(sizeof(AccelSensorStreamEmbed::TopBottomCorrection) == 16);
 static_assert(sizeof(AccelSensorStreamEmbed::Quaternion) == 24);
 static_assert(sizeof(AccelSensorStreamEmbed::YawCorrection) == 24);
+
+// One sample box of a movie as it was read.
+template <class T>
+struct SampleLog {
+  std::vector<T> records;
+  uint16_t samplingRate = 0;  // the header's rate; 0 when the box is missing or refused
+  // The line the box's check gave when the box was refused or could not be
+  // read as stated; empty for a sound or missing box.
+  std::wstring complaint;
+
+  // The records for one step of the reading. Each step that takes a log
+  // prints its complaint first, so a damaged box is named wherever it
+  // leaves a step without samples.
+  const std::vector<T>& load() const;
+};
+
+// The camera's sensor logs of one movie, read once: the orientation
+// analysis, the yaw table and the dump files all take theirs from here.
+class SensorLogs {
+ public:
+  using Gravity = AccelSensorStreamEmbed::TopBottomCorrection;
+
+  // Reads the five boxes under moov.udta and re-times the gravity samples
+  // onto the KDTG clock. Only records that lie wholly inside both the box
+  // and the file are read, so a count that slips through the 32-bit length
+  // check never sizes a buffer beyond the bytes that are really there.
+  // Prints nothing (but a failure to open the file).
+  static SensorLogs read(const MP4::Container& movie);
+
+  // The re-timed gravity samples for one step of the reading, after the
+  // lines re-timing gives: the complaints of KDTG and KDTD, "No KDTG
+  // entries" when there are no stamps, and one line per stamp past the last
+  // gravity sample.
+  const std::vector<Gravity>& loadRetimed() const;
+
+  SampleLog<AccelSensorStreamEmbed::Gyro> gyro;                     // KDTB
+  SampleLog<AccelSensorStreamEmbed::Ecompass> compass;              // KDTC
+  SampleLog<Gravity> gravity;                                       // KDTD as recorded
+  SampleLog<uint64_t> stamps;                                       // KDTG
+  SampleLog<AccelSensorStreamEmbed::YawCorrection> yawCorrections;  // KDTI
+  // The gravity samples on the KDTG clock: one per stamp (none without
+  // gravity samples), or the recorded ones when there are no stamps.
+  std::vector<Gravity> retimed;
+
+ private:
+  size_t pastTheEnd_ = 0;  // the first stamp that lies beyond the last gravity sample
+};

@@ -1,11 +1,13 @@
-// Loading the camera's sample boxes: the 16-byte sample header with its
+// Reading the camera's sample boxes: the 16-byte sample header with its
 // byte-order mark and length checks, the records themselves, and the
-// re-timing of the gravity samples onto the KDTG clock.
+// re-timing of the gravity samples onto the KDTG clock; then the pairing of
+// gravity and compass samples for the orientation analysis.
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdarg>
+#include <cwchar>
 #include <string>
-#include <typeinfo>
 
 #include "gltk/console.h"
 #include "gltk/wchar.h"
@@ -48,172 +50,105 @@ uint64_t readFully(GLTK::FileIO& file, void* buffer, uint64_t n) {
   return done;
 }
 
-}  // namespace
+// The line of a refused box, formatted as the console would print it.
+std::wstring complaintLine(const wchar_t* format, ...) {
+  wchar_t text[256];
+  va_list args;
+  va_start(args, format);
+  const int n = std::vswprintf(text, sizeof text / sizeof text[0], format, args);
+  va_end(args);
+  return n > 0 ? std::wstring(text, static_cast<size_t>(n)) : std::wstring();
+}
 
+// The first "moov.udta.<code>" box, checked and read from the open file. A
+// missing box leaves the log empty with rate 0. A box with records marked
+// 0x3210 needs a swap routine: without one (the timestamp box, which its
+// camera generation writes little-endian only) none is guessed and the box
+// counts as one without records.
 template <class T>
-std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<T>> AccelSensorStreamEmbed::openLog(
-    MP4::Container& movie, const char* code, std::function<void(T&)> swap) {
-  const std::string key = std::string("sample log ") + code + " " + typeid(T).name();
-  if (const auto& known = movie.derived[key]) {
-    auto log = std::static_pointer_cast<const SampleLog<T>>(known);
-    Console::write(log->messages_);
-    return log;
-  }
-
-  auto log = std::make_shared<SampleLog<T>>();
-  log->path_ = movie.path;
-  log->swap_ = std::move(swap);
-  Console::Record printed;
+SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char* code, void (*swap)(T&)) {
+  SampleLog<T> log;
+  const MP4::BOX* box = nullptr;
   const std::string path = std::string("moov.udta.") + code;
-  MP4::BOX* box = nullptr;
   movie.find(path.c_str(), [&box](MP4::BOX& found) {
-    if (box == nullptr) box = &found;
+    box = &found;
     return false;
   });
-  if (box != nullptr) checkHeader(movie, *box, code, *log);
-  log->messages_ = printed.text();
-  movie.derived[key] = log;
+  if (box == nullptr) return log;
+
+  constexpr uint32_t recordSize = sizeof(T);
+  const std::wstring name = GLTK::wchar::mbs2wcs(code);
+  const uint64_t start = box->start;
+  const uint64_t size = box->size;
+  // "except" (for "expect") is kept as written: other programs match these lines.
+  if (size < kHeaderSize) {
+    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(),
+                                  kHeaderSize, static_cast<uint32_t>(size));
+    return log;
+  }
+  uint8_t header[16] = {};
+  if (!file.seek_set(start + 8)) return log;
+  readFully(file, header, sizeof header);
+  uint32_t entryCount = le32(header);
+  uint16_t rate = le16(header + 4);
+  uint16_t unitSize = le16(header + 6);
+  const uint16_t endian = le16(header + 8);
+  if (endian == kBigEndianMark) {
+    entryCount = reversed32(entryCount);
+    rate = reversed16(rate);
+    unitSize = reversed16(unitSize);
+  }
+  if (unitSize != recordSize || (endian != kLittleEndianMark && endian != kBigEndianMark)) {
+    log.complaint =
+        complaintLine(L"%ls: Invalid header. unitSize(expect %u, but %u), endian(expect %04X/%04X, but %04X).\n",
+                      name.c_str(), recordSize, static_cast<unsigned>(unitSize), static_cast<unsigned>(kBigEndianMark),
+                      static_cast<unsigned>(kLittleEndianMark), static_cast<unsigned>(endian));
+    return log;
+  }
+  // The length check is made in 32 bits, so a huge count can wrap around
+  // and pass; what is read is bounded by the box and the file anyway.
+  const uint32_t needed = kHeaderSize + entryCount * recordSize;
+  if (size < needed) {
+    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(),
+                                  kHeaderSize, static_cast<unsigned>(unitSize), entryCount, needed,
+                                  static_cast<uint32_t>(size));
+    return log;
+  }
+  log.samplingRate = rate;
+  // Only whole records inside both the box and the file are kept; stated
+  // records that the box or the file cannot back are dropped, not made up.
+  const uint64_t first = start + kHeaderSize;
+  const uint64_t fileLength = file.length();
+  uint64_t count = std::min<uint64_t>(entryCount, (size - kHeaderSize) / recordSize);
+  count = std::min<uint64_t>(count, fileLength > first ? (fileLength - first) / recordSize : 0);
+  const bool bigEndian = endian == kBigEndianMark;
+  if (bigEndian && swap == nullptr && count > 0) {
+    log.complaint = complaintLine(L"%ls: byte order %04X not supported, box read as empty.\n", name.c_str(),
+                                  static_cast<unsigned>(endian));
+    return log;
+  }
+  if (count == 0 || !file.seek_set(first)) return log;
+  log.records.resize(count);
+  log.records.resize(readFully(file, log.records.data(), count * recordSize) / recordSize);
+  if (bigEndian) {
+    for (T& record : log.records) swap(record);
+  }
   return log;
 }
 
-template <class T>
-void AccelSensorStreamEmbed::checkHeader(MP4::Container& movie, const MP4::BOX& box, const char* code,
-                                         SampleLog<T>& log) {
-  constexpr uint32_t recordSize = sizeof(T);
-  const std::wstring name = GLTK::wchar::mbs2wcs(code);
-  const uint64_t start = box.start;
-  const uint64_t size = box.size;
-  // "except" (for "expect") is kept as written: other programs match these lines.
-  if (size < kHeaderSize) {
-    Console::out(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(), kHeaderSize,
-                 static_cast<uint32_t>(size));
-    return;
-  }
-
-  movie.open([&](GLTK::FileIO& file) {
-    uint8_t header[16] = {};
-    if (!file.seek_set(start + 8)) return;
-    readFully(file, header, sizeof header);
-    uint32_t entryCount = le32(header);
-    uint16_t rate = le16(header + 4);
-    uint16_t unitSize = le16(header + 6);
-    const uint16_t endian = le16(header + 8);
-    if (endian == kBigEndianMark) {
-      entryCount = reversed32(entryCount);
-      rate = reversed16(rate);
-      unitSize = reversed16(unitSize);
-    }
-    if (unitSize != recordSize || (endian != kLittleEndianMark && endian != kBigEndianMark)) {
-      Console::out(L"%ls: Invalid header. unitSize(expect %u, but %u), endian(expect %04X/%04X, but %04X).\n",
-                   name.c_str(), recordSize, static_cast<unsigned>(unitSize), static_cast<unsigned>(kBigEndianMark),
-                   static_cast<unsigned>(kLittleEndianMark), static_cast<unsigned>(endian));
-      return;
-    }
-    // The length check is made in 32 bits, so a huge count can wrap around
-    // and pass; what is read is bounded by the box and the file anyway.
-    const uint32_t needed = kHeaderSize + entryCount * recordSize;
-    if (size < needed) {
-      Console::out(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(), kHeaderSize,
-                   static_cast<unsigned>(unitSize), entryCount, needed, static_cast<uint32_t>(size));
-      return;
-    }
-    log.samplingRate = rate;
-    // Only whole records inside both the box and the file are kept; stated
-    // records that the box or the file cannot back are dropped, not made up.
-    const uint64_t first = start + kHeaderSize;
-    const uint64_t fileLength = file.length();
-    uint64_t count = std::min<uint64_t>(entryCount, (size - kHeaderSize) / recordSize);
-    count = std::min<uint64_t>(count, fileLength > first ? (fileLength - first) / recordSize : 0);
-    // The timestamp box has no byte-order fix-up, and none is guessed: a
-    // big-endian one counts as a box without records.
-    log.bigEndian_ = endian == kBigEndianMark;
-    if (log.bigEndian_ && !log.swap_ && count > 0) {
-      Console::out(L"%ls: byte order %04X not supported, box read as empty.\n", name.c_str(),
-                   static_cast<unsigned>(endian));
-      count = 0;
-    }
-    log.first_ = first;
-    log.count_ = count;
-  });
-}
+}  // namespace
 
 template <class T>
-const std::vector<T>& AccelSensorStreamEmbed::SampleLog<T>::records() const {
-  if (!records_) {
-    std::vector<T> records;
-    if (count_ > 0) {
-      GLTK::FileIO::open(path_, [&](GLTK::FileIO& file) {
-        if (!file.seek_set(first_)) return;
-        records.resize(count_);
-        records.resize(readFully(file, records.data(), count_ * sizeof(T)) / sizeof(T));
-      });
-    }
-    // A box marked 0x3210 has each record byte-reversed.
-    if (bigEndian_) {
-      for (T& record : records) swap_(record);
-    }
-    records_ = std::move(records);
-  }
-  return *records_;
+const std::vector<T>& SampleLog<T>::load() const {
+  if (!complaint.empty()) Console::out(L"%ls", complaint.c_str());
+  return records;
 }
 
-template <class T>
-void AccelSensorStreamEmbed::loadGen2_KDTx(MP4::Container& movie, const char* code, std::vector<T>& out,
-                                           uint16_t& samplingRate, std::function<void(T&)> swap) {
-  const auto log = openLog<T>(movie, code, std::move(swap));
-  out = log->records();
-  samplingRate = log->samplingRate;
-}
-
-template std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>>
-AccelSensorStreamEmbed::openLog(MP4::Container&, const char*, std::function<void(Gyro&)>);
-template std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<uint64_t>> AccelSensorStreamEmbed::openLog(
-    MP4::Container&, const char*, std::function<void(uint64_t&)>);
-
-template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Gyro>(MP4::Container&, const char*,
-                                                                                  std::vector<Gyro>&, uint16_t&,
-                                                                                  std::function<void(Gyro&)>);
-template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Ecompass>(MP4::Container&, const char*,
-                                                                                      std::vector<Ecompass>&, uint16_t&,
-                                                                                      std::function<void(Ecompass&)>);
-template void AccelSensorStreamEmbed::loadGen2_KDTx<TopBottomCorrection>(MP4::Container&, const char*,
-                                                                         std::vector<TopBottomCorrection>&, uint16_t&,
-                                                                         std::function<void(TopBottomCorrection&)>);
-template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::Quaternion>(
-    MP4::Container&, const char*, std::vector<Quaternion>&, uint16_t&, std::function<void(Quaternion&)>);
-template void AccelSensorStreamEmbed::loadGen2_KDTx<AccelSensorStreamEmbed::YawCorrection>(
-    MP4::Container&, const char*, std::vector<YawCorrection>&, uint16_t&, std::function<void(YawCorrection&)>);
-template void AccelSensorStreamEmbed::loadGen2_KDTx<uint64_t>(MP4::Container&, const char*, std::vector<uint64_t>&,
-                                                              uint16_t&, std::function<void(uint64_t&)>);
-
-void AccelSensorStreamEmbed::loadGen2_KDTB(MP4::Container& movie, std::vector<Gyro>& out, uint16_t& samplingRate) {
-  loadGen2_KDTx<Gyro>(movie, "KDTB", out, samplingRate, swap_xyzt<Gyro>);
-}
-
-void AccelSensorStreamEmbed::loadGen2_KDTC(MP4::Container& movie, std::vector<Ecompass>& out, uint16_t& samplingRate) {
-  loadGen2_KDTx<Ecompass>(movie, "KDTC", out, samplingRate, swap_xyzt<Ecompass>);
-}
-
-void AccelSensorStreamEmbed::loadGen2_KDTD(MP4::Container& movie, std::vector<TopBottomCorrection>& out,
-                                           uint16_t& samplingRate) {
-  loadGen2_KDTx<TopBottomCorrection>(movie, "KDTD", out, samplingRate, swap_xyzt<TopBottomCorrection>);
-}
-
-void AccelSensorStreamEmbed::loadGen2_KDTI(MP4::Container& movie, std::vector<YawCorrection>& out,
-                                           uint16_t& samplingRate) {
-  loadGen2_KDTx<YawCorrection>(movie, "KDTI", out, samplingRate, swap_KDTI<YawCorrection>);
-}
-
-void AccelSensorStreamEmbed::loadGen3_KDTG(MP4::Container& movie, std::vector<uint64_t>& out, uint16_t& samplingRate) {
-  // No swap routine on purpose: the generation that writes KDTG writes it
-  // little-endian only, so a 0x3210 KDTG is read as a box without records.
-  loadGen2_KDTx<uint64_t>(movie, "KDTG", out, samplingRate, std::function<void(uint64_t&)>());
-}
-
-void AccelSensorStreamEmbed::loadGen1_KDTH(MP4::Container& movie, std::vector<Quaternion>& out,
-                                           uint16_t& samplingRate) {
-  loadGen2_KDTx<Quaternion>(movie, "KDTH", out, samplingRate, swap_wxyzt<Quaternion>);
-}
+template struct SampleLog<AccelSensorStreamEmbed::Gyro>;
+template struct SampleLog<AccelSensorStreamEmbed::Ecompass>;
+template struct SampleLog<TopBottomCorrection>;
+template struct SampleLog<uint64_t>;
+template struct SampleLog<AccelSensorStreamEmbed::YawCorrection>;
 
 namespace {
 
@@ -252,15 +187,11 @@ TopBottomCorrection between(const TopBottomCorrection& a, const TopBottomCorrect
 }
 
 // The gravity sample for KDTG time T. The cursor k only moves forward, so a
-// time that goes backwards runs it to the end of the list.
+// time that goes backwards runs it to the end of the list, where the last
+// sample stands whole (with its own time) for T and every later time.
 TopBottomCorrection sampleAt(const std::vector<TopBottomCorrection>& work, size_t& k, uint64_t T) {
   for (;; ++k) {
-    if (k == work.size()) {
-      const TopBottomCorrection& last = work.back();
-      Console::out(L"KDTD: End of data : use %lld for %lld\n", static_cast<long long>(last.t),
-                   static_cast<long long>(T));
-      return withTime(last, last.t);
-    }
+    if (k == work.size()) return work.back();
     if (k == 0) {
       if (T <= work[0].t) return withTime(work[0], T);
       continue;
@@ -271,45 +202,45 @@ TopBottomCorrection sampleAt(const std::vector<TopBottomCorrection>& work, size_
 
 }  // namespace
 
-std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> AccelSensorStreamEmbed::retimedGravity(
-    MP4::Container& movie) {
-  static const std::string kKey = "gravity on KDTG";
-  if (const auto& known = movie.derived[kKey]) {
-    auto gravity = std::static_pointer_cast<const RetimedGravity>(known);
-    Console::write(gravity->messages);
-    return gravity;
-  }
-  auto gravity = std::make_shared<RetimedGravity>();
-  Console::Record printed;
-  std::vector<uint64_t> stamps;
-  uint16_t stampRate = 0;
-  loadGen3_KDTG(movie, stamps, stampRate);
+SensorLogs SensorLogs::read(const MP4::Container& movie) {
+  SensorLogs logs;
+  movie.open([&](GLTK::FileIO& file) {
+    using S = AccelSensorStreamEmbed;
+    logs.gyro = readLog<S::Gyro>(movie, file, "KDTB", S::swap_xyzt<S::Gyro>);
+    logs.compass = readLog<S::Ecompass>(movie, file, "KDTC", S::swap_xyzt<S::Ecompass>);
+    logs.gravity = readLog<Gravity>(movie, file, "KDTD", S::swap_xyzt<Gravity>);
+    logs.stamps = readLog<uint64_t>(movie, file, "KDTG", nullptr);
+    logs.yawCorrections = readLog<S::YawCorrection>(movie, file, "KDTI", S::swap_KDTI<S::YawCorrection>);
+  });
+
+  const std::vector<Gravity>& work = logs.gravity.records;
+  const std::vector<uint64_t>& stamps = logs.stamps.records;
+  logs.pastTheEnd_ = stamps.size();
   if (stamps.empty()) {
-    Console::out(L"KDTD: No KDTG entries.\n");
-    loadGen2_KDTD(movie, gravity->samples, gravity->samplingRate);
-  } else {
-    std::vector<TopBottomCorrection> work;
-    loadGen2_KDTD(movie, work, gravity->samplingRate);
-    // Without gravity samples there is nothing to put on the KDTG clock.
-    if (!work.empty()) {
-      gravity->samples.reserve(stamps.size());
-      size_t k = 0;
-      for (const uint64_t stamp : stamps) gravity->samples.push_back(sampleAt(work, k, stamp + kKDTGOffset));
+    logs.retimed = work;
+  } else if (!work.empty()) {  // without gravity samples there is nothing to put on the KDTG clock
+    logs.retimed.reserve(stamps.size());
+    size_t k = 0;
+    for (size_t i = 0; i < stamps.size(); ++i) {
+      logs.retimed.push_back(sampleAt(work, k, stamps[i] + kKDTGOffset));
+      if (k == work.size() && logs.pastTheEnd_ == stamps.size()) logs.pastTheEnd_ = i;
     }
   }
-  gravity->messages = printed.text();
-  movie.derived[kKey] = gravity;
-  return gravity;
+  return logs;
 }
 
-void AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(MP4::Container& movie, std::vector<TopBottomCorrection>& out,
-                                                     uint16_t& samplingRate) {
-  const auto gravity = retimedGravity(movie);
-  out = gravity->samples;
-  samplingRate = gravity->samplingRate;
+const std::vector<TopBottomCorrection>& SensorLogs::loadRetimed() const {
+  const std::vector<uint64_t>& times = stamps.load();
+  if (times.empty()) Console::out(L"KDTD: No KDTG entries.\n");
+  gravity.load();
+  for (size_t i = pastTheEnd_; i < times.size() && !gravity.records.empty(); ++i) {
+    Console::out(L"KDTD: End of data : use %lld for %lld\n", static_cast<long long>(gravity.records.back().t),
+                 static_cast<long long>(times[i] + kKDTGOffset));
+  }
+  return retimed;
 }
 
-bool AccelSensorStreamEmbed::loadGen2(MP4::Container& movie, int stepDivisor) {
+bool AccelSensorStreamEmbed::loadGen2(const SensorLogs& logs, int stepDivisor) {
   sensorTable.clear();
   sampleCount = rate = 0;
   scale = bias = gain = 0;
@@ -318,18 +249,9 @@ bool AccelSensorStreamEmbed::loadGen2(MP4::Container& movie, int stepDivisor) {
   reversed = frontReversed = false;
   positiveSum = negativeSum = frontSum = 0;
 
-  // The logs as opened for this parse of the movie, used in place.
-  const auto compassLog = openLog<Ecompass>(movie, "KDTC", swap_xyzt<Ecompass>);
-  const std::vector<Ecompass>& compass = compassLog->records();
-  const auto corrections = openLog<YawCorrection>(movie, "KDTI", swap_KDTI<YawCorrection>);
-  std::shared_ptr<const SampleLog<TopBottomCorrection>> plainGravity;
-  std::shared_ptr<const RetimedGravity> retimed;
-  if (!corrections->records().empty()) {
-    plainGravity = openLog<TopBottomCorrection>(movie, "KDTD", swap_xyzt<TopBottomCorrection>);
-  } else {
-    retimed = retimedGravity(movie);
-  }
-  const std::vector<TopBottomCorrection>& gravity = plainGravity ? plainGravity->records() : retimed->samples;
+  const std::vector<Ecompass>& compass = logs.compass.load();
+  const bool corrected = !logs.yawCorrections.load().empty();
+  const std::vector<TopBottomCorrection>& gravity = corrected ? logs.gravity.load() : logs.loadRetimed();
   if (compass.empty() || gravity.empty() || compass.size() < gravity.size()) {
     Console::out(L"KDTC/KDTD is not enough size.\n");
     Console::out(L"  KDTC:   %d\n", static_cast<int>(compass.size()));

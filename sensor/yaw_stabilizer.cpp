@@ -127,7 +127,7 @@ class YawIntegrator {
 
 }  // namespace
 
-bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mode, int frameRateArg, bool alternate,
+bool YawStabilizer::init(const SensorLogs& logs, VideoStabilizationMode::MODE mode, int frameRateArg, bool alternate,
                          MetaBuilder::CAMERA_VERSION version) {
   yawTable.clear();
   pending_.reset();
@@ -135,9 +135,7 @@ bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mod
   frameRate = 30.0f;
   if (mode == VideoStabilizationMode::DISABLED) return true;
 
-  std::vector<AccelSensorStreamEmbed::YawCorrection> corrections;
-  uint16_t unusedRate = 0;
-  AccelSensorStreamEmbed::loadGen2_KDTI(movie, corrections, unusedRate);
+  const std::vector<AccelSensorStreamEmbed::YawCorrection>& corrections = logs.yawCorrections.load();
   if (!corrections.empty()) {
     const bool lockDir = mode == VideoStabilizationMode::LOCK_DIR;
     yawTable.reserve(corrections.size());
@@ -152,22 +150,18 @@ bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mod
     return true;
   }
 
-  // The logs are opened (and their headers checked) now; the gyro records
-  // are read only when the integration runs.
-  const auto gyro = AccelSensorStreamEmbed::openLog<Gyro>(movie, "KDTB", AccelSensorStreamEmbed::swap_xyzt<Gyro>);
-  const auto gravity = AccelSensorStreamEmbed::retimedGravity(movie);
-  samplingRate = gravity->samplingRate;
-  const auto stamps = AccelSensorStreamEmbed::openLog<uint64_t>(movie, "KDTG", nullptr);
-  if (gyro->size() == 0 || gravity->samples.empty()) {
+  const bool noGyro = logs.gyro.load().empty();
+  const bool noGravity = logs.loadRetimed().empty();
+  samplingRate = logs.gravity.samplingRate;
+  const bool byGravity = logs.stamps.load().empty();
+  if (noGyro || noGravity) {
     Console::out(L"No metadata for yaw-stabilizer.\n");
     return false;
   }
   // Without KDTG the integration walks the gravity samples, with no gyro
   // rate for the drift filter; it runs when the table is first used.
-  const bool byGravity = stamps->records().empty();
-  pending_ = Integration{gyro,
-                         gravity,
-                         static_cast<unsigned short>(byGravity ? 0 : gyro->samplingRate),
+  pending_ = Integration{&logs,
+                         static_cast<unsigned short>(byGravity ? 0 : logs.gyro.samplingRate),
                          byGravity,
                          mode == VideoStabilizationMode::LOCK_DIR,
                          alternate,
@@ -179,10 +173,10 @@ bool YawStabilizer::init(MP4::Container& movie, VideoStabilizationMode::MODE mod
 
 const std::vector<float>& YawStabilizer::table() {
   if (pending_) {
-    const Integration run = std::move(*pending_);
+    const Integration run = *pending_;
     pending_.reset();
-    const std::vector<Gyro>& gyro = run.gyro->records();
-    const std::vector<TopBottomCorrection>& gravity = run.gravity->samples;
+    const std::vector<Gyro>& gyro = run.logs->gyro.records;
+    const std::vector<TopBottomCorrection>& gravity = run.logs->retimed;
     if (run.byGravity) {
       generate_by_kdtd(gyro, run.gyroRate, gravity, run.lockDir, run.alternate, run.version, run.frameRate);
     } else {

@@ -5,13 +5,11 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "exif/exif_parser.h"
-#include "mp4/container.h"
 #include "sensor/accel_sensor_stream.h"
 
 namespace MetaBuilder {
@@ -41,8 +39,9 @@ class YawStabilizer {
   // Builds the yaw table: nothing when disabled, the camera's own KDTI
   // values when present, else integrated from KDTB and KDTD (re-timed on
   // KDTG when there is one). False, with a line, when there is nothing to
-  // integrate.
-  bool init(MP4::Container& movie, VideoStabilizationMode::MODE mode, int frameRate, bool alternate,
+  // integrate. An integration keeps a reference to the logs until table()
+  // runs it, so they must outlive that first call.
+  bool init(const SensorLogs& logs, VideoStabilizationMode::MODE mode, int frameRate, bool alternate,
             MetaBuilder::CAMERA_VERSION version);
   // One yaw per gyro sample (radians, relative to the first), resampled
   // onto the gravity samples; the table starts at 0. Drift is removed
@@ -67,8 +66,7 @@ class YawStabilizer {
 
  private:
   struct Integration {
-    std::shared_ptr<const AccelSensorStreamEmbed::SampleLog<AccelSensorStreamEmbed::Gyro>> gyro;
-    std::shared_ptr<const AccelSensorStreamEmbed::RetimedGravity> gravity;
+    const SensorLogs* logs;
     unsigned short gyroRate;
     bool byGravity;  // no KDTG: walk the gravity samples
     bool lockDir;

@@ -1,7 +1,7 @@
-// Floor: the sensor maths of one movie on logs already in memory: the
-// gravity samples re-timed onto their timestamps, a heading per sample with
-// the two verdicts, and the yaw integrated over the gyro log. Prints the
-// median time in milliseconds of several runs.
+// Floor: the sensor work of one movie: its logs read (from the page cache)
+// with the gravity samples re-timed onto their timestamps, a heading per
+// sample with the two verdicts, and the yaw integrated over the gyro log.
+// Prints the median time in milliseconds of several runs.
 //   sensor_math <movie>
 #include <algorithm>
 #include <chrono>
@@ -21,18 +21,13 @@ int main(int argc, char** argv) {
   GLTK::Console::set_sink(quiet);
   MP4::Container movie;
   if (!movie.attach(GLTK::wchar::mbs2wcs(argv[1]), ~0ULL)) return 1;
-  std::vector<AccelSensorStreamEmbed::Gyro> gyro;
-  std::vector<AccelSensorStreamEmbed::Ecompass> compass;
-  uint16_t rate = 0, gyroRate = 0;
-  AccelSensorStreamEmbed::loadGen2_KDTB(movie, gyro, gyroRate);
-  AccelSensorStreamEmbed::loadGen2_KDTC(movie, compass, rate);
 
   std::vector<double> times;
   for (int run = 0; run < 5; ++run) {
-    movie.attach(GLTK::wchar::mbs2wcs(argv[1]), ~0ULL);  // nothing worked out ahead
     const auto start = std::chrono::steady_clock::now();
-    std::vector<AccelSensorStreamEmbed::TopBottomCorrection> gravity;
-    AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(movie, gravity, rate);
+    const SensorLogs logs = SensorLogs::read(movie);
+    const auto& gravity = logs.retimed;
+    const auto& compass = logs.compass.records;
     AccelSensorStreamEmbed sensors;
     for (size_t i = 0; i < gravity.size() && i < compass.size(); ++i) {
       TAccelSensorInfo entry;
@@ -46,7 +41,7 @@ int main(int argc, char** argv) {
     sensors.detectReverse();
     sensors.detectReverseFront();
     YawStabilizer yaw;
-    yaw.generate(gyro, gyroRate, gravity, false, false, 0, 30);
+    yaw.generate(logs.gyro.records, logs.gyro.samplingRate, gravity, false, false, 0, 30);
     times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
   }
   std::sort(times.begin(), times.end());

@@ -38,37 +38,23 @@ HourOfLogs& hour() {
   return logs;
 }
 
-void BM_AccelSensorStreamEmbed_LoadGen2_KDTB(benchmark::State& state) {
+// All five sample boxes read, the gravity samples re-timed onto KDTG.
+void BM_SensorLogs_Read(benchmark::State& state) {
   MP4::Container& movie = *hour().movie;
   for (auto _ : state) {
-    std::vector<Gyro> gyro;
-    uint16_t rate = 0;
-    S::loadGen2_KDTB(movie, gyro, rate);
-    if (gyro.size() != hour().log.gyro.size()) state.SkipWithError("short load");
-    benchmark::DoNotOptimize(gyro.data());
+    const SensorLogs logs = SensorLogs::read(movie);
+    if (logs.retimed.size() != hour().log.stamps.size()) state.SkipWithError("short load");
+    benchmark::DoNotOptimize(logs.gyro.records.data());
   }
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(hour().log.gyro.size()));
 }
-BENCHMARK(BM_AccelSensorStreamEmbed_LoadGen2_KDTB)->Unit(benchmark::kMillisecond);
-
-void BM_AccelSensorStreamEmbed_LoadGen3_KDTD_with_KDTG(benchmark::State& state) {
-  MP4::Container& movie = *hour().movie;
-  for (auto _ : state) {
-    std::vector<Gravity> gravity;
-    uint16_t rate = 0;
-    S::loadGen3_KDTD_with_KDTG(movie, gravity, rate);
-    if (gravity.size() != hour().log.stamps.size()) state.SkipWithError("short load");
-    benchmark::DoNotOptimize(gravity.data());
-  }
-  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(hour().log.stamps.size()));
-}
-BENCHMARK(BM_AccelSensorStreamEmbed_LoadGen3_KDTD_with_KDTG)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SensorLogs_Read)->Unit(benchmark::kMillisecond);
 
 void BM_AccelSensorStreamEmbed_LoadGen2(benchmark::State& state) {
-  MP4::Container& movie = *hour().movie;
+  const SensorLogs logs = SensorLogs::read(*hour().movie);
   for (auto _ : state) {
     S stream;
-    benchmark::DoNotOptimize(stream.loadGen2(movie, 30));
+    benchmark::DoNotOptimize(stream.loadGen2(logs, 30));
   }
 }
 BENCHMARK(BM_AccelSensorStreamEmbed_LoadGen2)->Unit(benchmark::kMillisecond);
@@ -84,12 +70,13 @@ void BM_YawStabilizer_Generate(benchmark::State& state) {
 }
 BENCHMARK(BM_YawStabilizer_Generate)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
-// The whole path: load the gyro, re-time the gravity onto KDTG, integrate.
+// The whole path: read the logs, re-time the gravity onto KDTG, integrate.
 void BM_YawStabilizer_Init(benchmark::State& state) {
   MP4::Container& movie = *hour().movie;
   YawStabilizer yaw;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(yaw.init(movie, VideoStabilizationMode::ENABLED, 30, false, 0));
+    const SensorLogs logs = SensorLogs::read(movie);
+    benchmark::DoNotOptimize(yaw.init(logs, VideoStabilizationMode::ENABLED, 30, false, 0));
     benchmark::DoNotOptimize(yaw.table().data());
   }
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(hour().log.gyro.size()));

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "report/meta_reader.h"
 #include "tests/support/files.h"
@@ -33,11 +34,6 @@ TEST(ToJsonValueL, BlanksQuotesBackslashesControlsAndEveryHighByte) {
   EXPECT_EQ(toJsonValueL(""), L"\"\"");
 }
 
-TEST(DumpToJSON, AMovieWithNothingKnownPrintsTheHeadOnly) {
-  MetaReader reader;
-  EXPECT_EQ(movieLine(reader), kEmptyHead);
-}
-
 TEST(DumpToJSON, HeadValues) {
   MetaReader reader;
   reader.probe.codec = 2;
@@ -47,7 +43,7 @@ TEST(DumpToJSON, HeadValues) {
   reader.probe.videoBitRate = 12345678.9f;
   reader.hasSpatialSound = true;
   reader.hasSA3DSound = true;
-  reader.topBottomCorrection.resize(1);
+  reader.sensorLogs.retimed.resize(1);
   const std::string line = movieLine(reader);
   EXPECT_EQ(line.substr(0, line.find(", \"KDTD")),
             "result: {\"status\":\"succeed\", \"hasKDTD\":true, \"type\":\"equi\", \"codec\":\"H265\", "
@@ -56,31 +52,23 @@ TEST(DumpToJSON, HeadValues) {
 }
 
 TEST(DumpToJSON, ProjectionType) {
-  MetaReader reader;
-  reader.probe.width = 1920;
-  reader.probe.height = 960;
-  auto type = [&] {
-    const std::string line = movieLine(reader);
-    const size_t at = line.find("\"type\":\"") + 8;
-    return line.substr(at, line.find('"', at) - at);
-  };
-  EXPECT_EQ(type(), "equi");  // unknown camera, 2:1
-  reader.probe.cameraVersion = 0x10001;
-  EXPECT_EQ(type(), "unknown");
-  reader.probe.record.projectionType = 1;
-  EXPECT_EQ(type(), "equi");
-  reader.probe.record.projectionType = 2;
-  EXPECT_EQ(type(), "dualfish");
-  reader.probe.record.projectionType = 3;
-  EXPECT_EQ(type(), "unknown");
-  reader.probe.record.projectionType = 0;
-  reader.probe.cameraVersion = 0;
-  reader.probe.height = 961;
-  EXPECT_EQ(type(), "unknown");
+  // camera generation, panorama image type, frame height (width 1920)
+  const std::tuple<uint32_t, int, int32_t, std::string> cases[] = {
+      {0, 0, 960, "equi"},  {0x10001, 0, 960, "unknown"},  {0x10001, 1, 960, "equi"},
+      {0x10001, 2, 960, "dualfish"}, {0x10001, 3, 960, "unknown"}, {0, 0, 961, "unknown"}};
+  for (const auto& [version, projection, height, type] : cases) {
+    MetaReader reader;
+    reader.probe.cameraVersion = version;
+    reader.probe.record.projectionType = projection;
+    reader.probe.width = 1920;
+    reader.probe.height = height;
+    EXPECT_NE(movieLine(reader).find("\"type\":\"" + type + "\""), std::string::npos) << version << projection;
+  }
 }
 
 TEST(DumpToJSON, NumbersThatAreNotFiniteOrTooLarge) {
   MetaReader reader;
+  EXPECT_EQ(movieLine(reader), kEmptyHead);  // nothing known: the head only
   auto rate = [&](float value) {
     reader.probe.videoBitRate = value;
     const std::string line = movieLine(reader);
@@ -129,7 +117,7 @@ TEST(DumpToJSON, TailElementsInOrderUnderTheirConditions) {
   reader.probe.codec = 1;
   reader.profileIdc = 66;
   reader.constrainedSet1Flag = true;
-  reader.topBottomCorrection.resize(2);
+  reader.sensorLogs.retimed.resize(2);
   reader.topBottomCorrectionSamplingRate = 30;
   reader.gyroSamplingRate = 200;
   reader.ecompassSamplingRate = 30;
@@ -158,21 +146,6 @@ TEST(DumpToJSON, AbsentSettingsAndOtherValues) {
       << line;
   EXPECT_EQ(line.find("directionLocked"), std::string::npos);
   EXPECT_EQ(line.find("SamplingRate"), std::string::npos);
-}
-
-TEST(DumpToJSONStill, DngLine) {
-  MetaReader reader;
-  reader.stillRecord.model = "KORVU ZEPRA S";
-  reader.stillRecord.cameraSerial = "42";
-  reader.stillRecord.yaw = 10.5f;
-  reader.stillRecord.roll = -0.25f;
-  reader.previewOffset = 1234;
-  reader.previewLength = 5678;
-  ConsoleCapture capture;
-  reader.dumpToJSON_still(true);
-  EXPECT_EQ(capture.text(),
-            "result: {\"status\":\"succeed\", \"type\":\"DNG\", \"model\":\"KORVU ZEPRA S\", \"cameraSerial\":\"42\", "
-            "\"yaw\":10.5, \"roll\":-0.25, \"jpeg\":{\"offset\":1234, \"bytes\":5678}}\n");
 }
 
 }  // namespace

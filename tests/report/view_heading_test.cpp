@@ -29,33 +29,22 @@ TEST(ViewHeading, ReadsTheFourValuesTheTimestampAndTheSoftware) {
   EXPECT_EQ(view.stitchingSoftware, "Stitcher 2.0");
 }
 
-TEST(ViewHeading, ElementsMustBeIndentedByExactlyTwoBlanks) {
+TEST(ViewHeading, ValuesThatAreNotIndentedByTwoBlanksOrDoNotScanAreAbsent) {
   ViewHeading view;
   view.attach(
       "<GSpherical:InitialViewHeadingDegrees>90</GSpherical:InitialViewHeadingDegrees>\n"
       "    <GSpherical:InitialViewPitchDegrees>10</GSpherical:InitialViewPitchDegrees>\n"
-      "\t<GSpherical:InitialHorizontalFOVDegrees>75</GSpherical:InitialHorizontalFOVDegrees>\n");
+      "\t<GSpherical:InitialHorizontalFOVDegrees>75</GSpherical:InitialHorizontalFOVDegrees>\n"
+      "  <GSpherical:InitialCameraDolly>near</GSpherical:InitialCameraDolly>\n"
+      "<GSpherical:StitchingSoftware>Stitcher");
   EXPECT_TRUE(std::isnan(view.heading));
   EXPECT_EQ(view.pitch, 10.0f);  // "    <" holds "  <" two characters in
   EXPECT_TRUE(std::isnan(view.fov));
-}
-
-TEST(ViewHeading, AValueThatDoesNotScanIsAbsent) {
-  ViewHeading view;
-  view.attach("  <GSpherical:InitialViewHeadingDegrees>east</GSpherical:InitialViewHeadingDegrees>\n"
-              "  <GSpherical:InitialViewPitchDegrees>7.9</GSpherical:InitialViewPitchDegrees>\n");
-  EXPECT_TRUE(std::isnan(view.heading));
-  EXPECT_EQ(view.pitch, 7.0f);  // an integer element keeps its integer part
   EXPECT_TRUE(std::isnan(view.dolly));
   EXPECT_EQ(view.timestamp, 0u);
-}
-
-TEST(ViewHeading, SoftwareWithoutAClosingTagIsEmpty) {
-  ViewHeading view;
-  view.attach("<GSpherical:StitchingSoftware>Stitcher");
-  EXPECT_EQ(view.stitchingSoftware, "");
-  view.attach("<GSpherical:StitchingSoftware></GSpherical:StitchingSoftware>");
-  EXPECT_EQ(view.stitchingSoftware, "");
+  EXPECT_EQ(view.stitchingSoftware, "");  // no closing tag
+  view.attach("  <GSpherical:InitialViewPitchDegrees>7.9</GSpherical:InitialViewPitchDegrees>\n");
+  EXPECT_EQ(view.pitch, 7.0f);  // an integer element keeps its integer part
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
-// Orientation analysis: the tilt matrix, headings with known answers, the
-// two verdicts with their console lines, and loadGen2 pairing the logs.
+// Orientation analysis: headings with known answers, the two verdicts with
+// their console lines, and loadGen2 pairing the logs.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <tuple>
 
 #include "sensor/accel_sensor_stream.h"
@@ -15,23 +14,7 @@ namespace {
 using namespace sondex::test;
 using S = AccelSensorStreamEmbed;
 
-GLTK::Vector3 vec(float x, float y, float z) { return GLTK::Vector3{{x, y, z}}; }
-
 TAccelSensorInfo entry(int16_t a0, int16_t a1, int16_t a2) { return TAccelSensorInfo{{a0, a1, a2}, 0, 0}; }
-
-TEST(TiltMatrix, CarriesTheReversedFirstVectorOntoTheSecondOrStaysIdentity) {
-  GLTK::Matrix3x3 m;
-  S::tiltMatrix0WithAxis(vec(0, 2, 3), vec(0, -1, 0), m);  // taken as (3, 2, 0)
-  const float v[3] = {3 / std::sqrt(13.0f), 2 / std::sqrt(13.0f), 0};
-  for (int r = 0; r < 3; ++r) {
-    EXPECT_NEAR(m.m[r][0] * v[0] + m.m[r][1] * v[1] + m.m[r][2] * v[2], r == 1 ? -1 : 0, 1e-6) << r;
-  }
-  const GLTK::Matrix3x3 identity;
-  for (const GLTK::Vector3 a : {vec(0, 0, 0), vec(0, -1000, 0)}) {
-    S::tiltMatrix0WithAxis(a, vec(0, -1, 0), m);
-    EXPECT_EQ(std::memcmp(&m, &identity, sizeof m), 0);
-  }
-}
 
 TEST(Orientation, HeadingsOfALevelCameraFollowTheCompass) {
   // Level axes leave the compass as it is (y = its first value, x = its
@@ -76,7 +59,7 @@ TEST(LoadGen2, TooFewCompassSamplesFailWithThreeLines) {
       dir, sensorMovie({SampleBox("KDTC").add(compass).build(), SampleBox("KDTD").add(log.gravity).build()}));
   S stream;
   ConsoleCapture capture;
-  EXPECT_FALSE(stream.loadGen2(*movie, 30));
+  EXPECT_FALSE(stream.loadGen2(SensorLogs::read(*movie), 30));
   EXPECT_EQ(capture.text(), "KDTD: No KDTG entries.\nKDTC/KDTD is not enough size.\n  KDTC:   100\n  KDTD/G: 101\n");
   EXPECT_TRUE(stream.sensorTable.empty());
 }
@@ -90,7 +73,7 @@ TEST(LoadGen2, PairsGravityWithCompassAndJudgesTheClip) {
                                              SampleBox("KDTI").add(YawCorrection{}).build()}));
   S stream;
   ConsoleCapture capture;
-  ASSERT_TRUE(stream.loadGen2(*movie, 15));
+  ASSERT_TRUE(stream.loadGen2(SensorLogs::read(*movie), 15));
   EXPECT_EQ(std::tuple(stream.sampleCount, stream.rate, stream.step), std::tuple(1, 100, 2));
   const TAccelSensorInfo& e = stream.sensorTable.at(0);
   EXPECT_EQ(std::vector<int>(e.axis, e.axis + 3), (std::vector<int>{0, 16384, 0}));

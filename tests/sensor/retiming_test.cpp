@@ -22,9 +22,9 @@ Retimed retime(const std::vector<Gravity>& gravity, const std::vector<uint64_t>&
   for (const uint64_t t : times) kdtg.add(t - 4000000);
   TempDir dir;
   auto movie = attachBytes(dir, sensorMovie({SampleBox("KDTD").rate(30).add(gravity).build(), kdtg.build()}));
-  Retimed r;
+  const SensorLogs logs = SensorLogs::read(*movie);
   ConsoleCapture capture;
-  AccelSensorStreamEmbed::loadGen3_KDTD_with_KDTG(*movie, r.out, r.rate);
+  Retimed r{logs.loadRetimed(), logs.gravity.samplingRate, ""};
   r.console = capture.text();
   return r;
 }

@@ -1,10 +1,9 @@
-// The sample box loaders: both byte orders, the header and length checks
+// Reading the sample boxes: both byte orders, the header and length checks
 // with their console lines, and boxes whose counts or sizes lie.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <cstring>
-#include <functional>
 
 #include "sensor/accel_sensor_stream.h"
 #include "tests/support/movie.h"
@@ -13,7 +12,6 @@
 namespace {
 
 using namespace sondex::test;
-using S = AccelSensorStreamEmbed;
 
 template <class R>
 Bytes bytesOf(const std::vector<R>& records) {
@@ -21,51 +19,37 @@ Bytes bytesOf(const std::vector<R>& records) {
   return Bytes(bytes, bytes + records.size() * sizeof(R));
 }
 
-// The records (as raw bytes) and the rate a loader gives.
+// The records (as raw bytes) and the rate of a log.
 template <class R>
-std::pair<Bytes, int> load(void (*loader)(MP4::Container&, std::vector<R>&, uint16_t&), MP4::Container& movie) {
-  std::vector<R> out;
-  uint16_t rate = 0;
-  loader(movie, out, rate);
-  return {bytesOf(out), rate};
+std::pair<Bytes, int> read(const SampleLog<R>& log) {
+  return {bytesOf(log.records), log.samplingRate};
 }
 
-TEST(SampleLoaders, BothByteOrdersLoadTheSameRecordsForEveryType) {
+// The logs of the movie, which reading must not print.
+SensorLogs readQuietly(const MP4::Container& movie) {
+  ConsoleCapture capture;
+  SensorLogs logs = SensorLogs::read(movie);
+  EXPECT_EQ(capture.text(), "");
+  return logs;
+}
+
+TEST(SampleLoaders, BothByteOrdersReadTheSameRecordsForEveryType) {
   const std::vector<Gyro> gyro = {{0.5f, -1.25f, 3e-3f, 0, 1000}, {-7, 0, 1e6f, 0, 0x0102030405060708ULL}};
   const std::vector<Gravity> gravity = {{-16384, 258, 32767, 0, 5}, {1, -2, -32768, 0, ~0ULL}};
-  const std::vector<Orientation> quats = {{1, 0, 0.5f, -0.5f, 9}};
   const std::vector<YawCorrection> yaws = {{0.1f, 0.2f, -0.3f, -0.4f, 11}};
   for (const bool big : {false, true}) {
     TempDir dir;
     auto movie = attachBytes(
         dir, sensorMovie({SampleBox("KDTB", big).rate(200).add(gyro).build(), SampleBox("KDTC", big).rate(50).build(),
                           SampleBox("KDTD", big).rate(30).add(gravity).build(),
-                          SampleBox("KDTH", big).rate(60).add(quats).build(),
                           SampleBox("KDTI", big).rate(29).add(yaws).build()}));
-    EXPECT_EQ(load(S::loadGen2_KDTB, *movie), (std::pair{bytesOf(gyro), 200}));
-    EXPECT_EQ(load(S::loadGen2_KDTC, *movie), (std::pair{Bytes{}, 50}));
-    EXPECT_EQ(load(S::loadGen2_KDTD, *movie), (std::pair{bytesOf(gravity), 30}));
-    EXPECT_EQ(load(S::loadGen1_KDTH, *movie), (std::pair{bytesOf(quats), 60}));
-    EXPECT_EQ(load(S::loadGen2_KDTI, *movie), (std::pair{bytesOf(yaws), 29}));
-    EXPECT_EQ(load(S::loadGen3_KDTG, *movie), (std::pair{Bytes{}, 0}));  // missing: quietly empty
-  }
-}
-
-TEST(SampleLoaders, ABigEndianTimestampBoxIsReadAsEmptyEveryTimeItIsLoaded) {
-  TempDir dir;
-  const Gravity recorded{1, 2, 3, 0, 7};
-  auto movie = attachBytes(dir, sensorMovie({SampleBox("KDTG", kBigEndian).rate(9).add(uint64_t{1}).build(),
-                                             SampleBox("KDTD").rate(30).add(recorded).build()}));
-  const std::string kdtg = "KDTG: byte order 3210 not supported, box read as empty.\n";
-  EXPECT_EQ(load(S::loadGen3_KDTG, *movie), (std::pair{Bytes{}, 9}));
-  for (int round = 0; round < 2; ++round) {
-    ConsoleCapture capture;
-    std::vector<Gravity> gravity;
-    uint16_t rate = 0;
-    S::loadGen3_KDTD_with_KDTG(*movie, gravity, rate);
-    EXPECT_EQ(capture.text(), kdtg + "KDTD: No KDTG entries.\n");
-    EXPECT_EQ(bytesOf(gravity), bytesOf(std::vector{recorded}));  // as recorded, not re-timed
-    EXPECT_EQ(rate, 30);
+    const SensorLogs logs = readQuietly(*movie);
+    EXPECT_EQ(read(logs.gyro), (std::pair{bytesOf(gyro), 200}));
+    EXPECT_EQ(read(logs.compass), (std::pair{Bytes{}, 50}));
+    EXPECT_EQ(read(logs.gravity), (std::pair{bytesOf(gravity), 30}));
+    EXPECT_EQ(read(logs.yawCorrections), (std::pair{bytesOf(yaws), 29}));
+    EXPECT_EQ(read(logs.stamps), (std::pair{Bytes{}, 0}));  // missing: quietly empty
+    EXPECT_EQ(bytesOf(logs.retimed), bytesOf(gravity));     // no KDTG: as recorded
   }
 }
 
@@ -84,13 +68,11 @@ TEST(SampleLoaders, BadHeadersPrintTheirLineAndLoadNothing) {
   for (const auto& [box, line] : cases) {
     TempDir dir;
     auto movie = attachBytes(dir, sensorMovie({box}));
-    std::vector<Gravity> out = {Gravity{}};
-    uint16_t rate = 99;
+    const SensorLogs logs = readQuietly(*movie);
     ConsoleCapture capture;
-    S::loadGen2_KDTD(*movie, out, rate);
+    EXPECT_TRUE(logs.gravity.load().empty());
     EXPECT_EQ(capture.text(), line);
-    EXPECT_TRUE(out.empty());
-    EXPECT_EQ(rate, 0);
+    EXPECT_EQ(logs.gravity.samplingRate, 0);
   }
 }
 
@@ -105,16 +87,11 @@ TEST(SampleLoaders, UntrustedCountsAndCutBoxesReadOnlyWhatIsThere) {
                             SampleBox("KDTD").count(0x10000001).add(Gravity{1, 2, 3, 0, 4}).build(), kdtc.build()});
   file.resize(file.size() - 7 * 24 - 5);
   auto movie = attachBytes(dir, file);
-  std::vector<Gyro> gyro;
-  std::vector<Gravity> gravity;
-  std::vector<Ecompass> compass;
-  uint16_t rate = 0;
-  ConsoleCapture capture;
-  S::loadGen2_KDTB(*movie, gyro, rate);
-  S::loadGen2_KDTD(*movie, gravity, rate);
-  S::loadGen2_KDTC(*movie, compass, rate);
-  EXPECT_EQ(capture.text(), "");
-  EXPECT_TRUE(gyro.empty());
+  const SensorLogs logs = readQuietly(*movie);
+  const std::vector<Gravity>& gravity = logs.gravity.records;
+  const std::vector<Ecompass>& compass = logs.compass.records;
+  EXPECT_TRUE(logs.gyro.complaint.empty() && logs.gravity.complaint.empty() && logs.compass.complaint.empty());
+  EXPECT_TRUE(logs.gyro.records.empty());
   ASSERT_EQ(gravity.size(), 1u);
   EXPECT_EQ(gravity[0].z, 3);
   ASSERT_EQ(compass.size(), 2u);

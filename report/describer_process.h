@@ -1,0 +1,48 @@
+// Movie descriptions in a process of their own. Opening a damaged movie
+// can keep FFmpeg busy for tens of seconds in loops that never look at an
+// interrupt callback, and in a request stream every later answer would
+// wait for it. A description that runs past its deadline is ended the one
+// way that always works: its process is killed, and the next description
+// starts a fresh one.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "report/movie_description.h"
+
+class DescriberProcess {
+ public:
+  using Describe = bool (*)(const std::wstring& path, MovieDescription& out);
+
+  // describe runs in the worker process, which the first description
+  // starts. Nothing it prints reaches the console: the worker's standard
+  // input and output are the null device.
+  DescriberProcess(Describe describe, int deadlineMs);
+  // Ends the worker and waits for it.
+  ~DescriberProcess();
+  DescriberProcess(const DescriberProcess&) = delete;
+  DescriberProcess& operator=(const DescriberProcess&) = delete;
+
+  // The worker's answer. False when it cannot describe the movie, when it
+  // ended without answering, or when the deadline passed: then it is
+  // killed, and a line says so. When no process can be started the movie
+  // is described here, without a deadline.
+  bool describe(const std::wstring& path, MovieDescription& out);
+
+ private:
+  bool start();
+  void stop();
+  bool ask(const std::wstring& path);
+  [[noreturn]] void serve(int channel, pid_t parent) const;
+
+  Describe describe_;
+  int deadlineMs_;
+  pid_t pid_ = -1;
+  int channel_ = -1;  // our end of the socket pair to the worker
+};
+
+// describeMovie in the program's one describer process, with a deadline of
+// two seconds: far above what any sound movie takes.
+bool describeInTime(const std::wstring& path, MovieDescription& out);
