@@ -26,11 +26,13 @@ if(SONDEX_FFMPEG STREQUAL "lean")
     message(FATAL_ERROR "scripts/build-ffmpeg.sh failed: see its messages above")
   endif()
   string(REGEX REPLACE ".*\n" "" _prefix "${_out}")
-  foreach(_lib avformat avcodec avutil)
-    if(NOT EXISTS "${_prefix}/lib/lib${_lib}.a")
-      message(FATAL_ERROR "scripts/build-ffmpeg.sh gave '${_prefix}', which holds no lib${_lib}.a")
+  foreach(_file lib/libavformat.a lib/libavcodec.a lib/libavutil.a share/doc/ffmpeg/COPYING.LGPLv2.1)
+    if(NOT EXISTS "${_prefix}/${_file}")
+      message(FATAL_ERROR "scripts/build-ffmpeg.sh gave '${_prefix}', which holds no ${_file}")
     endif()
   endforeach()
+  # Its licence, copyright file and configure line, for cmake/packaging.cmake.
+  set(SONDEX_FFMPEG_DOC "${_prefix}/share/doc/ffmpeg")
   # What the static libraries need besides each other, as the built tree's
   # pkg-config files say (the maths library, threads, ...).
   execute_process(COMMAND "${CMAKE_COMMAND}" -E env "PKG_CONFIG_PATH=${_prefix}/lib/pkgconfig"

@@ -18,6 +18,11 @@ install(FILES README.md docs/report.md docs/sensors.md docs/sensor-sample.png
         DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(PROGRAMS examples/driver.py examples/probe-archive.sh
         DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
+# The statically linked FFmpeg's licence (LGPL 2.1 or later), Debian's
+# copyright file for its source and the configure line it was built with.
+if(SONDEX_FFMPEG STREQUAL "lean")
+  install(DIRECTORY "${SONDEX_FFMPEG_DOC}/" DESTINATION "${CMAKE_INSTALL_DOCDIR}/ffmpeg")
+endif()
 
 set(CPACK_PACKAGE_NAME sondex)
 set(CPACK_PACKAGE_VENDOR "Sondex")

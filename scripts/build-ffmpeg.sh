@@ -157,7 +157,10 @@ apt_options=(
   -o Dir::Cache="$apt_dir/cache"
   -o APT::Sandbox::User="$(id -un)"
 )
-apt-get "${apt_options[@]}" update >> "$log" 2>&1 || fail "apt-get update of the private source list failed"
+# An entry that cannot be read (a third-party one without a signed-by of its
+# own, which the Debian keyring cannot check) does not matter as long as
+# Debian's own entries give the source.
+apt-get "${apt_options[@]}" update >> "$log" 2>&1 || echo "build-ffmpeg: apt-get update reported errors" >> "$log"
 version=$(apt-cache "${apt_options[@]}" showsrc ffmpeg 2>> "$log" | sed -n 's/^Version: //p' | sort -V | tail -n 1)
 [ -n "$version" ] || fail "Debian's ffmpeg source package was not found"
 # The folder name leaves out the epoch: a colon would split the folder in
@@ -181,7 +184,12 @@ jobs=$(nproc 2> /dev/null || echo 2)
   make -j"$jobs"
   make install DESTDIR="$work/stage"
 ) >> "$log" 2>&1 || fail "FFmpeg's build failed"
-# Keep the configure line beside the libraries it made.
-echo "${configure_options[*]}" > "$work/stage$final/configure-line.txt"
+# FFmpeg's licence and Debian's copyright file go with the libraries, for
+# the package to ship; the configure line too.
+doc=$work/stage$final/share/doc/ffmpeg
+mkdir -p "$doc"
+cp "$source_dir/COPYING.LGPLv2.1" "$source_dir/LICENSE.md" "$source_dir/debian/copyright" "$doc/"
+echo "${configure_options[*]}" > "$doc/configure-line.txt"
+echo "Debian source package ffmpeg $version" > "$doc/source.txt"
 mv "$work/stage$final" "$final"
 echo "$final"

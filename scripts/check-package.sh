@@ -40,6 +40,7 @@ if [ "$(sed -n 's/^SONDEX_FFMPEG:STRING=//p' build/CMakeCache.txt)" = system ]; 
   done
 else
   [[ $depends != *libav* ]] || fail "Depends names an FFmpeg library although FFmpeg is linked statically: $depends"
+  [ -s "$stage/usr/local/share/doc/sondex/ffmpeg/COPYING.LGPLv2.1" ] || fail "cmake --install did not install FFmpeg's licence"
   needed=$(objdump -p "$stage/usr/local/bin/sondex" | grep NEEDED || true)
   [[ $needed != *libav* ]] || fail "the installed sondex loads FFmpeg's shared libraries: $needed"
 fi
