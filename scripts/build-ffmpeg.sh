@@ -52,7 +52,8 @@ case "${1:-}" in
     ;;
 esac
 
-cache=${XDG_CACHE_HOME:-$HOME/.cache}/sondex
+home=${HOME:-$(getent passwd "$(id -u)" | cut -d: -f6)}
+cache=${XDG_CACHE_HOME:-$home/.cache}/sondex
 hash=$(printf '%s\n' "${configure_options[@]}" | sha256sum | cut -c1-12)
 mkdir -p "$cache"
 
