@@ -43,6 +43,9 @@ if(SONDEX_FFMPEG STREQUAL "lean")
   endif()
   separate_arguments(_flags UNIX_COMMAND "${_flags}")
   set(_libs "${_prefix}/lib/libavformat.a" "${_prefix}/lib/libavcodec.a" "${_prefix}/lib/libavutil.a")
+  # A cache emptied since then makes the build configure again, and so
+  # build FFmpeg again.
+  set_property(DIRECTORY "${PROJECT_SOURCE_DIR}" APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${_libs})
   set(_options)
   foreach(_flag IN LISTS _flags)
     if(_flag MATCHES "^-L" OR _flag MATCHES "^-lav(format|codec|util)$")
