@@ -18,6 +18,11 @@ install(FILES README.md docs/report.md docs/sensors.md docs/sensor-sample.png
         DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(PROGRAMS examples/driver.py examples/probe-archive.sh
         DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
+# The statically linked FFmpeg's licence (LGPL 2.1 or later), Debian's
+# copyright file for its source and the configure line it was built with.
+if(SONDEX_FFMPEG STREQUAL "lean")
+  install(DIRECTORY "${SONDEX_FFMPEG_DOC}/" DESTINATION "${CMAKE_INSTALL_DOCDIR}/ffmpeg")
+endif()
 
 set(CPACK_PACKAGE_NAME sondex)
 set(CPACK_PACKAGE_VENDOR "Sondex")
@@ -31,19 +36,11 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# dpkg-shlibdeps (dpkg-dev) turns the program's libraries into Depends: the
-# C and C++ runtimes. The FFmpeg runtime (libavformat59, libavcodec59,
-# libavutil57 on Debian 12) is opened when the first movie is described, so
-# it is named here, from the versions the program is built against.
+# dpkg-shlibdeps (dpkg-dev) turns the program's shared libraries into
+# Depends: the C and C++ runtimes, and with -DSONDEX_FFMPEG=system Debian's
+# FFmpeg libraries too. The default build links its FFmpeg statically
+# (cmake/ffmpeg.cmake), so the package needs no FFmpeg package.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(SONDEX_AV REQUIRED libavformat libavcodec libavutil)
-set(_sondex_av_depends)
-foreach(_lib avformat avcodec avutil)
-  string(REGEX MATCH "^[0-9]+" _major "${SONDEX_AV_lib${_lib}_VERSION}")
-  list(APPEND _sondex_av_depends "lib${_lib}${_major}")
-endforeach()
-string(REPLACE ";" ", " CPACK_DEBIAN_PACKAGE_DEPENDS "${_sondex_av_depends}")
 # The examples need Python 3 and GNU tools; the program itself does not.
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3")
 

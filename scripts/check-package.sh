@@ -28,9 +28,22 @@ debs=(build/sondex_*.deb)
 [ ${#debs[@]} -eq 1 ] && [ -f "${debs[0]}" ] || fail "cpack made no single sondex_*.deb"
 deb=${debs[0]}
 depends=$(dpkg-deb -f "$deb" Depends)
-for lib in libavformat libavcodec libavutil libstdc++6 libc6; do
+for lib in libstdc++6 libc6; do
   [[ $depends == *"$lib"* ]] || fail "Depends lacks $lib: $depends"
 done
+# The default build links its own FFmpeg statically: no FFmpeg package may
+# be needed. Built against the system's FFmpeg, the package needs its
+# libraries.
+if [ "$(sed -n 's/^SONDEX_FFMPEG:STRING=//p' build/CMakeCache.txt)" = system ]; then
+  for lib in libavformat libavcodec libavutil; do
+    [[ $depends == *"$lib"* ]] || fail "Depends lacks $lib: $depends"
+  done
+else
+  [[ $depends != *libav* ]] || fail "Depends names an FFmpeg library although FFmpeg is linked statically: $depends"
+  [ -s "$stage/usr/local/share/doc/sondex/ffmpeg/COPYING.LGPLv2.1" ] || fail "cmake --install did not install FFmpeg's licence"
+  needed=$(objdump -p "$stage/usr/local/bin/sondex" | grep NEEDED || true)
+  [[ $needed != *libav* ]] || fail "the installed sondex loads FFmpeg's shared libraries: $needed"
+fi
 contents=$(dpkg-deb -c "$deb")
 grep ' ./usr/bin/sondex$' <<< "$contents" > /dev/null || fail "the package holds no /usr/bin/sondex"
 grep ' ./usr/share/man/man1/sondex.1.gz$' <<< "$contents" > /dev/null || fail "the package holds no manual page"

@@ -6,14 +6,16 @@ set -euo pipefail
 packages=(
   # build
   build-essential cmake pkg-config git
-  # movie description (libavformat/libavcodec)
-  libavformat-dev libavcodec-dev libavutil-dev
+  # the movie description's FFmpeg: scripts/build-ffmpeg.sh fetches Debian's
+  # source (apt-get source unpacks it with dpkg-dev) and assembles with nasm;
+  # -DSONDEX_FFMPEG=system links Debian's libraries through the -dev packages
+  nasm dpkg-dev xz-utils libavformat-dev libavcodec-dev libavutil-dev
   # tests
   libgtest-dev libgmock-dev ffmpeg libimage-exiftool-perl exiv2 python3
   # benchmarks and fuzzing
   libbenchmark-dev clang libclang-rt-14-dev
-  # documentation checks, the sensor plot and the Debian package
-  groff-base gnuplot-nox dpkg-dev file
+  # documentation checks, the sensor plot and the Debian package (dpkg-dev above)
+  groff-base gnuplot-nox file
 )
 
 missing=()
