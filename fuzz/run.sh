@@ -7,18 +7,22 @@
 #   fuzz/run.sh list
 #
 # Targets: mp4_container, h264_avcc, exif_attach, sensor_loader,
-# cli_process_file (the fuzz/<target>_fuzzer.cpp files). Each starts from its
+# cli_process_file (the fuzz/<target>_fuzzer.cpp files), and cli_described:
+# the whole program as cli_process_file, with FFmpeg's description in place
+# of the fake; its inputs may take the description's 2 s deadline, so its
+# time limit per input is 5 s. Each starts from its
 # committed corpus (fuzz/corpus/<target>_fuzzer) and writes what it finds to
 # <build>/corpus/<target>_fuzzer; crashes, leaks, timeouts and out-of-memory
 # inputs go to <build>/findings/<target>_fuzzer/<time>/. Limits: 512 MB and
-# 1 s per input. The build folder <build> is build-fuzz unless SONDEX_FUZZ_BUILD
+# 1 s per input (5 s for cli_described, which starts from cli_process_file's
+# corpus). The build folder <build> is build-fuzz unless SONDEX_FUZZ_BUILD
 # names another.
 # A summary line per target gives executions, coverage and corpus size;
 # the status is 1 when any target found something.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-targets=(mp4_container h264_avcc exif_attach sensor_loader cli_process_file)
+targets=(mp4_container h264_avcc exif_attach sensor_loader cli_process_file cli_described)
 build=${SONDEX_FUZZ_BUILD:-build-fuzz}
 
 usage() {
@@ -49,7 +53,7 @@ dictionaries() {
     h264_avcc) echo fuzz/h264.dict ;;
     exif_attach) echo fuzz/exif.dict ;;
     sensor_loader) echo fuzz/sensor.dict fuzz/mp4.dict ;;
-    cli_process_file) echo fuzz/mp4.dict fuzz/sensor.dict fuzz/exif.dict fuzz/h264.dict fuzz/report.dict ;;
+    cli_process_file | cli_described) echo fuzz/mp4.dict fuzz/sensor.dict fuzz/exif.dict fuzz/h264.dict fuzz/report.dict ;;
   esac
 }
 
@@ -70,6 +74,12 @@ found=0
 for target in "${chosen[@]}"; do
   name=${target}_fuzzer
   corpus=$build/corpus/$name
+  seeds=fuzz/corpus/$name
+  limit=1
+  if [ "$target" = cli_described ]; then
+    seeds=fuzz/corpus/cli_process_file_fuzzer
+    limit=5
+  fi
   findings=$build/findings/$name/$(date +%Y%m%d-%H%M%S)
   log=$build/logs/$name.log
   mkdir -p "$corpus" "$findings" "$(dirname "$log")"
@@ -81,8 +91,8 @@ for target in "${chosen[@]}"; do
   # ASan holds freed memory in a quarantine of 256 MB by default; a smaller
   # one leaves the 512 MB limit to the program under test.
   ASAN_OPTIONS=${ASAN_OPTIONS:-quarantine_size_mb=64} TMPDIR=$scratch \
-    "$build/fuzz/$name" "$corpus" "fuzz/corpus/$name" -dict="$dict" -max_total_time="$seconds" \
-    -rss_limit_mb=512 -malloc_limit_mb=512 -timeout=1 -artifact_prefix="$findings/" -print_final_stats=1 \
+    "$build/fuzz/$name" "$corpus" "$seeds" -dict="$dict" -max_total_time="$seconds" \
+    -rss_limit_mb=512 -malloc_limit_mb=512 -timeout="$limit" -artifact_prefix="$findings/" -print_final_stats=1 \
     "$@" > "$log" 2>&1 || status=$?
   elapsed=$(( $(date +%s) - started ))
   last=$(grep -E '^#[0-9]+' "$log" | tail -n 1 || true)

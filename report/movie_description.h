@@ -3,7 +3,6 @@
 // "decodable".
 #pragma once
 
-#include <functional>
 #include <string>
 
 struct MovieDescription {
@@ -12,8 +11,6 @@ struct MovieDescription {
   double duration = 0;  // seconds
   float frameRate = 0;  // nominal (average) frames per second
 };
-
-using MovieDescriber = std::function<bool(const std::wstring& path, MovieDescription& out)>;
 
 // Describes a movie with libavformat/libavcodec: open it, take the first
 // video stream, open a decoder with the stream's parameters and read the
