@@ -197,7 +197,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The describer process and its socket last as long as the program:
   // started here, they are there before the first count of open files.
   MovieDescription none;
-  describeInTime(L"", none);
+  describer().describe(L"", none);
   g_output = new Output;
   GLTK::Console::set_sink(g_output->sink());
   MetaReader::usage();
@@ -241,7 +241,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // the next description starts another: start it now, so that the count of
   // open files compares like with like.
   MovieDescription none;
-  describeInTime(L"", none);
+  describer().describe(L"", none);
   const std::string text = g_output->take();
   // What reading a file throws is answered as a failed request; for the
   // fuzzer it is a finding all the same.

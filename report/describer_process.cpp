@@ -133,23 +133,37 @@ void DescriberProcess::stop() {
   pid_ = -1;
 }
 
-bool DescriberProcess::ask(const std::wstring& path) {
+bool DescriberProcess::send(const std::wstring& path) {
   const auto length = static_cast<uint32_t>(path.size());
   return sendAll(channel_, &length, sizeof length) && sendAll(channel_, path.data(), length * sizeof(wchar_t));
 }
 
-bool DescriberProcess::describe(const std::wstring& path, MovieDescription& out) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadlineMs_);
+void DescriberProcess::ask(const std::wstring& path) {
+  drop();
+  deadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadlineMs_);
+  path_ = path;
+  asked_ = true;
   // A worker that ended between two descriptions (killed from outside, say)
   // is replaced once.
-  bool asked = pid_ > 0 && ask(path);
-  if (!asked) {
+  sent_ = pid_ > 0 && send(path);
+  if (!sent_) {
     stop();
-    if (!start()) return describe_(path, out);
-    asked = ask(path);
+    sent_ = start() && send(path);
   }
+}
+
+void DescriberProcess::drop() {
+  if (asked_ && sent_) stop();
+  asked_ = sent_ = false;
+}
+
+bool DescriberProcess::take(MovieDescription& out) {
+  if (!asked_) return false;
+  asked_ = false;
+  if (pid_ < 0) return describe_(path_, out);  // no process could be started
   Answer answer;
-  const Received received = asked ? receiveAll(channel_, &answer, sizeof answer, &deadline) : Received::Ended;
+  const Received received = sent_ ? receiveAll(channel_, &answer, sizeof answer, &deadline_) : Received::Ended;
+  sent_ = false;
   if (received == Received::All) {
     if (answer.described == 0) return false;
     out.frameRate = answer.frameRate;
@@ -160,15 +174,15 @@ bool DescriberProcess::describe(const std::wstring& path, MovieDescription& out)
   }
   stop();
   if (received == Received::Late) {
-    GLTK::Console::out(L"movie description of %ls took longer than %g s, given up.\n", path.c_str(),
+    GLTK::Console::out(L"movie description of %ls took longer than %g s, given up.\n", path_.c_str(),
                        deadlineMs_ / 1000.0);
   } else {
-    GLTK::Console::out(L"movie description of %ls ended without an answer.\n", path.c_str());
+    GLTK::Console::out(L"movie description of %ls ended without an answer.\n", path_.c_str());
   }
   return false;
 }
 
-bool describeInTime(const std::wstring& path, MovieDescription& out) {
+DescriberProcess& describer() {
   static DescriberProcess worker(describeMovie, 2000);
-  return worker.describe(path, out);
+  return worker;
 }

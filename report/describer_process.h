@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 
 #include "report/movie_description.h"
@@ -25,24 +26,40 @@ class DescriberProcess {
   DescriberProcess(const DescriberProcess&) = delete;
   DescriberProcess& operator=(const DescriberProcess&) = delete;
 
-  // The worker's answer. False when it cannot describe the movie, when it
-  // ended without answering, or when the deadline passed: then it is
-  // killed, and a line says so. When no process can be started the movie
-  // is described here, without a deadline.
-  bool describe(const std::wstring& path, MovieDescription& out);
+  // Hands the path to the worker, which describes it while this process
+  // goes on; the deadline counts from here. One request at a time: an
+  // earlier one that was not taken is dropped.
+  void ask(const std::wstring& path);
+  // The answer to the request. False when the worker cannot describe the
+  // movie, when it ended without answering, or when the deadline passed:
+  // then it is killed, and a line says so. When no process can be started
+  // the movie is described here, without a deadline.
+  bool take(MovieDescription& out);
+  // Forgets the request without a word: a worker still busy with it is
+  // killed, and the next request starts a fresh one.
+  void drop();
+
+  bool describe(const std::wstring& path, MovieDescription& out) {
+    ask(path);
+    return take(out);
+  }
 
  private:
   bool start();
   void stop();
-  bool ask(const std::wstring& path);
+  bool send(const std::wstring& path);
   [[noreturn]] void serve(int channel, pid_t parent) const;
 
   Describe describe_;
   int deadlineMs_;
   pid_t pid_ = -1;
   int channel_ = -1;  // our end of the socket pair to the worker
+  bool asked_ = false;  // a request is out and its answer not taken
+  bool sent_ = false;   // ... and the worker has it
+  std::wstring path_;
+  std::chrono::steady_clock::time_point deadline_;
 };
 
-// describeMovie in the program's one describer process, with a deadline of
-// two seconds: far above what any sound movie takes.
-bool describeInTime(const std::wstring& path, MovieDescription& out);
+// The program's one describer process, running describeMovie with a
+// deadline of two seconds: far above what any sound movie takes.
+DescriberProcess& describer();

@@ -52,7 +52,7 @@ void flush(GLTK::FileIO& file, std::string& text) {
 }  // namespace
 
 template <class T>
-bool MetaReader::dumpXYZT(std::vector<T> samples, const std::wstring& file,
+bool MetaReader::dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& file,
                           std::function<void(std::ostream&)> extra) {
   return GLTK::FileIO::open_w(file, [&](GLTK::FileIO& out) {
     try {
@@ -84,9 +84,9 @@ bool MetaReader::dumpXYZT(std::vector<T> samples, const std::wstring& file,
   });
 }
 
-template bool MetaReader::dumpXYZT(std::vector<AccelSensorStreamEmbed::TopBottomCorrection>, const std::wstring&,
+template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>&, const std::wstring&,
                                    std::function<void(std::ostream&)>);
-template bool MetaReader::dumpXYZT(std::vector<AccelSensorStreamEmbed::Gyro>, const std::wstring&,
+template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>&, const std::wstring&,
                                    std::function<void(std::ostream&)>);
-template bool MetaReader::dumpXYZT(std::vector<AccelSensorStreamEmbed::Ecompass>, const std::wstring&,
+template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::Ecompass>&, const std::wstring&,
                                    std::function<void(std::ostream&)>);

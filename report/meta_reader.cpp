@@ -32,9 +32,13 @@ bool MetaReader::parse(const wchar_t* file) {
   yawStabilizer = YawStabilizer();
   gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
 
-  const bool ok = probe.probe(path);
   MP4::Container movie;
-  if (!movie.attach(path, ~0ULL) || !ok) return ok;
+  const bool ok = probe.probe(path, movie);
+  if (!ok) {
+    // A movie that cannot be opened is tried once more, and says so again.
+    if (movie.root == nullptr) movie.attach(path, ~0ULL);
+    return false;
+  }
 
   // The sensor logs, read once; each step then takes what it needs in
   // turn: the three streams of the report, the orientation analysis, the

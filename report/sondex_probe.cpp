@@ -45,19 +45,23 @@ void Sondex::init() {
   duration = audioBitRate = videoBitRate = 0;
 }
 
-bool Sondex::probe(const std::wstring& path) {
+bool Sondex::probe(const std::wstring& path, MP4::Container& movie) {
   init();
-  MP4::Container movie;
-  if (movie.attach(path, ~0ULL)) {
-    readModel(movie);
-    readKMKN(movie);
-    readCodec(movie);
-    readSphericalXML(movie);
-    readXMP(movie);
-    detectGyroData(movie);
-    detect_movie(path);
-    detectBitRate(movie);
+  // The describer process works on the movie while its boxes are read
+  // here; detect_movie takes its answer where the report needs it.
+  describer().ask(path);
+  if (!movie.attach(path, ~0ULL)) {
+    describer().drop();
+    return false;
   }
+  readModel(movie);
+  readKMKN(movie);
+  readCodec(movie);
+  readSphericalXML(movie);
+  readXMP(movie);
+  detectGyroData(movie);
+  detect_movie();
+  detectBitRate(movie);
   return width >= 1;
 }
 
@@ -144,9 +148,9 @@ void Sondex::detectGyroData(MP4::Container& movie) {
   });
 }
 
-void Sondex::detect_movie(const std::wstring& path) {
+void Sondex::detect_movie() {
   MovieDescription description;
-  if (!describeInTime(path, description)) return;
+  if (!describer().take(description)) return;
   frameRate = description.frameRate;
   width = static_cast<int32_t>(description.width);
   height = static_cast<int32_t>(description.height);

@@ -15,8 +15,9 @@ class Sondex {
   virtual ~Sondex() = default;
 
   void init();
-  // True when the movie description could describe the movie.
-  bool probe(const std::wstring& path);
+  // Attaches the movie and reads it; true when the movie description could
+  // describe it. The container stays attached for the caller.
+  bool probe(const std::wstring& path, MP4::Container& movie);
 
   void readModel(MP4::Container& movie);
   void readKMKN(MP4::Container& movie);
@@ -24,7 +25,7 @@ class Sondex {
   void readSphericalXML(MP4::Container& movie);
   void readXMP(MP4::Container& movie);
   void detectGyroData(MP4::Container& movie);
-  void detect_movie(const std::wstring& path);
+  void detect_movie();
   void detectBitRate(MP4::Container& movie);
 
   uint32_t cameraVersion = 0;

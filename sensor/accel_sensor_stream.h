@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "gltk/large_vector.h"
 #include "mp4/container.h"
 #include "sensor/geometry.h"
 
@@ -122,7 +123,7 @@ static_assert(sizeof(AccelSensorStreamEmbed::YawCorrection) == 24);
 // One sample box of a movie as it was read.
 template <class T>
 struct SampleLog {
-  std::vector<T> records;
+  GLTK::LargeVector<T> records;
   uint16_t samplingRate = 0;  // the header's rate; 0 when the box is missing or refused
   // The line the box's check gave when the box was refused or could not be
   // read as stated; empty for a sound or missing box.
@@ -131,7 +132,7 @@ struct SampleLog {
   // The records for one step of the reading. Each step that takes a log
   // prints its complaint first, so a damaged box is named wherever it
   // leaves a step without samples.
-  const std::vector<T>& load() const;
+  const GLTK::LargeVector<T>& load() const;
 };
 
 // The camera's sensor logs of one movie, read once: the orientation
@@ -151,7 +152,7 @@ class SensorLogs {
   // lines re-timing gives: the complaints of KDTG and KDTD, "No KDTG
   // entries" when there are no stamps, and one line per stamp past the last
   // gravity sample.
-  const std::vector<Gravity>& loadRetimed() const;
+  const GLTK::LargeVector<Gravity>& loadRetimed() const;
 
   SampleLog<AccelSensorStreamEmbed::Gyro> gyro;                     // KDTB
   SampleLog<AccelSensorStreamEmbed::Ecompass> compass;              // KDTC
@@ -160,7 +161,7 @@ class SensorLogs {
   SampleLog<AccelSensorStreamEmbed::YawCorrection> yawCorrections;  // KDTI
   // The gravity samples on the KDTG clock: one per stamp (none without
   // gravity samples), or the recorded ones when there are no stamps.
-  std::vector<Gravity> retimed;
+  GLTK::LargeVector<Gravity> retimed;
 
  private:
   size_t pastTheEnd_ = 0;  // the first stamp that lies beyond the last gravity sample

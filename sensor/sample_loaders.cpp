@@ -139,7 +139,7 @@ SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char
 }  // namespace
 
 template <class T>
-const std::vector<T>& SampleLog<T>::load() const {
+const GLTK::LargeVector<T>& SampleLog<T>::load() const {
   if (!complaint.empty()) Console::out(L"%ls", complaint.c_str());
   return records;
 }
@@ -189,7 +189,7 @@ TopBottomCorrection between(const TopBottomCorrection& a, const TopBottomCorrect
 // The gravity sample for KDTG time T. The cursor k only moves forward, so a
 // time that goes backwards runs it to the end of the list, where the last
 // sample stands whole (with its own time) for T and every later time.
-TopBottomCorrection sampleAt(const std::vector<TopBottomCorrection>& work, size_t& k, uint64_t T) {
+TopBottomCorrection sampleAt(const GLTK::LargeVector<TopBottomCorrection>& work, size_t& k, uint64_t T) {
   for (;; ++k) {
     if (k == work.size()) return work.back();
     if (k == 0) {
@@ -213,8 +213,8 @@ SensorLogs SensorLogs::read(const MP4::Container& movie) {
     logs.yawCorrections = readLog<S::YawCorrection>(movie, file, "KDTI", S::swap_KDTI<S::YawCorrection>);
   });
 
-  const std::vector<Gravity>& work = logs.gravity.records;
-  const std::vector<uint64_t>& stamps = logs.stamps.records;
+  const GLTK::LargeVector<Gravity>& work = logs.gravity.records;
+  const GLTK::LargeVector<uint64_t>& stamps = logs.stamps.records;
   logs.pastTheEnd_ = stamps.size();
   if (stamps.empty()) {
     logs.retimed = work;
@@ -229,8 +229,8 @@ SensorLogs SensorLogs::read(const MP4::Container& movie) {
   return logs;
 }
 
-const std::vector<TopBottomCorrection>& SensorLogs::loadRetimed() const {
-  const std::vector<uint64_t>& times = stamps.load();
+const GLTK::LargeVector<TopBottomCorrection>& SensorLogs::loadRetimed() const {
+  const GLTK::LargeVector<uint64_t>& times = stamps.load();
   if (times.empty()) Console::out(L"KDTD: No KDTG entries.\n");
   gravity.load();
   for (size_t i = pastTheEnd_; i < times.size() && !gravity.records.empty(); ++i) {
@@ -249,9 +249,9 @@ bool AccelSensorStreamEmbed::loadGen2(const SensorLogs& logs, int stepDivisor) {
   reversed = frontReversed = false;
   positiveSum = negativeSum = frontSum = 0;
 
-  const std::vector<Ecompass>& compass = logs.compass.load();
+  const GLTK::LargeVector<Ecompass>& compass = logs.compass.load();
   const bool corrected = !logs.yawCorrections.load().empty();
-  const std::vector<TopBottomCorrection>& gravity = corrected ? logs.gravity.load() : logs.loadRetimed();
+  const GLTK::LargeVector<TopBottomCorrection>& gravity = corrected ? logs.gravity.load() : logs.loadRetimed();
   if (compass.empty() || gravity.empty() || compass.size() < gravity.size()) {
     Console::out(L"KDTC/KDTD is not enough size.\n");
     Console::out(L"  KDTC:   %d\n", static_cast<int>(compass.size()));

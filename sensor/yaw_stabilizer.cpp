@@ -135,7 +135,7 @@ bool YawStabilizer::init(const SensorLogs& logs, VideoStabilizationMode::MODE mo
   frameRate = 30.0f;
   if (mode == VideoStabilizationMode::DISABLED) return true;
 
-  const std::vector<AccelSensorStreamEmbed::YawCorrection>& corrections = logs.yawCorrections.load();
+  const GLTK::LargeVector<AccelSensorStreamEmbed::YawCorrection>& corrections = logs.yawCorrections.load();
   if (!corrections.empty()) {
     const bool lockDir = mode == VideoStabilizationMode::LOCK_DIR;
     yawTable.reserve(corrections.size());
@@ -175,8 +175,8 @@ const std::vector<float>& YawStabilizer::table() {
   if (pending_) {
     const Integration run = *pending_;
     pending_.reset();
-    const std::vector<Gyro>& gyro = run.logs->gyro.records;
-    const std::vector<TopBottomCorrection>& gravity = run.logs->retimed;
+    const GLTK::LargeVector<Gyro>& gyro = run.logs->gyro.records;
+    const GLTK::LargeVector<TopBottomCorrection>& gravity = run.logs->retimed;
     if (run.byGravity) {
       generate_by_kdtd(gyro, run.gyroRate, gravity, run.lockDir, run.alternate, run.version, run.frameRate);
     } else {
@@ -186,8 +186,8 @@ const std::vector<float>& YawStabilizer::table() {
   return yawTable;
 }
 
-void YawStabilizer::generate(const std::vector<Gyro>& gyro, unsigned short gyroRate,
-                             const std::vector<TopBottomCorrection>& gravity, bool lockDir, bool alternate,
+void YawStabilizer::generate(const GLTK::LargeVector<Gyro>& gyro, unsigned short gyroRate,
+                             const GLTK::LargeVector<TopBottomCorrection>& gravity, bool lockDir, bool alternate,
                              MetaBuilder::CAMERA_VERSION /*version*/, unsigned long /*frameRate*/) {
   yawTable.clear();
   if (gyro.empty() || gravity.empty()) return;
@@ -235,8 +235,8 @@ void YawStabilizer::generate(const std::vector<Gyro>& gyro, unsigned short gyroR
   }
 }
 
-void YawStabilizer::generate_by_kdtd(const std::vector<Gyro>& gyro, unsigned short /*gyroRate*/,
-                                     const std::vector<TopBottomCorrection>& gravity, bool lockDir, bool alternate,
+void YawStabilizer::generate_by_kdtd(const GLTK::LargeVector<Gyro>& gyro, unsigned short /*gyroRate*/,
+                                     const GLTK::LargeVector<TopBottomCorrection>& gravity, bool lockDir, bool alternate,
                                      MetaBuilder::CAMERA_VERSION /*version*/, unsigned long frameRateArg) {
   if (gravity.empty()) return;
   yawTable.clear();

@@ -46,13 +46,13 @@ class YawStabilizer {
   // One yaw per gyro sample (radians, relative to the first), resampled
   // onto the gravity samples; the table starts at 0. Drift is removed
   // unless lockDir; alternate negates the vertical and the result.
-  void generate(const std::vector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
-                const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir, bool alternate,
+  void generate(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
+                const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir, bool alternate,
                 MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
   // The same integration walked along the gravity samples (no KDTG). The
   // frame rate stands in for the gravity rate when KDTD carries none.
-  void generate_by_kdtd(const std::vector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
-                        const std::vector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
+  void generate_by_kdtd(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
+                        const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
                         bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
 
   // The yaw table. An integration that init prepared runs here, on first

@@ -61,9 +61,11 @@ BENCHMARK(BM_AccelSensorStreamEmbed_LoadGen2)->Unit(benchmark::kMillisecond);
 
 void BM_YawStabilizer_Generate(benchmark::State& state) {
   const SensorLog& log = hour().log;
+  const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro> gyro(log.gyro.begin(), log.gyro.end());
+  const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection> gravity(log.gravity.begin(), log.gravity.end());
   YawStabilizer yaw;
   for (auto _ : state) {
-    yaw.generate(log.gyro, log.gyroRate, log.gravity, state.range(0) != 0, false, 0, 30);
+    yaw.generate(gyro, log.gyroRate, gravity, state.range(0) != 0, false, 0, 30);
     benchmark::DoNotOptimize(yaw.yawTable.data());
   }
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(log.gyro.size()));

@@ -45,6 +45,9 @@ TEST(DescriberProcess, EndsWorkersThatRunPastTheDeadlineOrDieAndAnswersTheNextAt
   const size_t children0 = children(), descriptors0 = openDescriptors();
   {
     DescriberProcess worker(fakeDescribe, 300);
+    // A request dropped untaken ends its busy worker without a word.
+    worker.ask(L"spin");
+    worker.drop();
     const std::tuple<std::wstring, bool, std::string> requests[] = {
         {L"a.mp4", true, ""}, {L"fail", false, ""},
         {L"spin", false, "movie description of spin took longer than 0.3 s, given up.\n"}, {L"bc.mp4", true, ""},

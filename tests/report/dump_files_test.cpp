@@ -16,7 +16,7 @@ using Gravity = AccelSensorStreamEmbed::TopBottomCorrection;
 TEST(DumpXYZT, OneObjectPerLineWithoutBlanksAndNullForNonNumbers) {
   TempDir dir;
   MetaReader reader;
-  std::vector<Gyro> samples = {{0.5f, -1.25f, 1e-7f, 0, 1000}, {123456789.0f, 0, -0.0f, 0, 18446744073709551615ULL},
+  GLTK::LargeVector<Gyro> samples = {{0.5f, -1.25f, 1e-7f, 0, 1000}, {123456789.0f, 0, -0.0f, 0, 18446744073709551615ULL},
                                {std::nanf(""), INFINITY, -INFINITY, 0, 2}};
   EXPECT_TRUE(reader.dumpXYZT(samples, dir.wfile("g.json"), [](std::ostream&) {}));
   EXPECT_EQ(readText(dir.file("g.json")),
@@ -35,7 +35,7 @@ TEST(DumpXYZT, OneObjectPerLineWithoutBlanksAndNullForNonNumbers) {
 TEST(DumpXYZT, AFailureWhileWritingRemovesTheFile) {
   TempDir dir;
   MetaReader reader;
-  std::vector<Gravity> samples(100000, Gravity{1, 2, 3, 0, 4});
+  GLTK::LargeVector<Gravity> samples(100000, Gravity{1, 2, 3, 0, 4});
   size_t objects = 0;  // the last one fails, when blocks have been written
   EXPECT_THROW(reader.dumpXYZT(samples, dir.wfile("d.json"),
                                [&](std::ostream&) {

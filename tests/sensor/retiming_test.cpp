@@ -10,7 +10,7 @@ namespace {
 using namespace sondex::test;
 
 struct Retimed {
-  std::vector<Gravity> out;
+  GLTK::LargeVector<Gravity> out;
   uint16_t rate = 0;
   std::string console;
 };

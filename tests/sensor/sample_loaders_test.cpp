@@ -13,8 +13,8 @@ namespace {
 
 using namespace sondex::test;
 
-template <class R>
-Bytes bytesOf(const std::vector<R>& records) {
+template <class R, class A>
+Bytes bytesOf(const std::vector<R, A>& records) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(records.data());
   return Bytes(bytes, bytes + records.size() * sizeof(R));
 }
@@ -88,8 +88,8 @@ TEST(SampleLoaders, UntrustedCountsAndCutBoxesReadOnlyWhatIsThere) {
   file.resize(file.size() - 7 * 24 - 5);
   auto movie = attachBytes(dir, file);
   const SensorLogs logs = readQuietly(*movie);
-  const std::vector<Gravity>& gravity = logs.gravity.records;
-  const std::vector<Ecompass>& compass = logs.compass.records;
+  const auto& gravity = logs.gravity.records;
+  const auto& compass = logs.compass.records;
   EXPECT_TRUE(logs.gyro.complaint.empty() && logs.gravity.complaint.empty() && logs.compass.complaint.empty());
   EXPECT_TRUE(logs.gyro.records.empty());
   ASSERT_EQ(gravity.size(), 1u);

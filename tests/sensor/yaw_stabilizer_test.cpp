@@ -108,17 +108,19 @@ TEST(YawPhysics, BrokenSamplesNeverBreakTheTable) {
   log.gyro[300].t = 0;                      // back in time
   log.gyro.back().t = ~0ULL;                // far ahead
   log.gravity[5] = Gravity{0, 0, 0, 0, 1};  // no direction, and back in time
+  const GLTK::LargeVector<Gyro> gyro(log.gyro.begin(), log.gyro.end());
+  const GLTK::LargeVector<Gravity> gravity(log.gravity.begin(), log.gravity.end());
   YawStabilizer yaw;
   for (int run = 0; run < 4; ++run) {
     if (run < 2) {
-      yaw.generate(log.gyro, 200, log.gravity, run == 0, false, 0, 30);
+      yaw.generate(gyro, 200, gravity, run == 0, false, 0, 30);
     } else {
-      yaw.generate_by_kdtd(log.gyro, 0, log.gravity, run == 2, false, 0, 30);
+      yaw.generate_by_kdtd(gyro, 0, gravity, run == 2, false, 0, 30);
     }
     ASSERT_EQ(yaw.yawTable.size(), log.gravity.size());
     for (const float v : yaw.yawTable) ASSERT_TRUE(std::isfinite(v)) << run;
   }
-  yaw.generate_by_kdtd(log.gyro, 0, {}, false, false, 0, 30);
+  yaw.generate_by_kdtd(gyro, 0, {}, false, false, 0, 30);
   EXPECT_EQ(yaw.yawTable.size(), log.gravity.size());  // left as it was
 }
 
