@@ -4,6 +4,7 @@
 
 #include "gltk/console.h"
 #include "gltk/wchar.h"
+#include "report/describer_process.h"
 #include "report/meta_reader.h"
 
 int main(int argc, char** argv) {
@@ -22,5 +23,9 @@ int main(int argc, char** argv) {
       std::wmemcpy(arguments[i], wide.c_str(), wide.size() + 1);
     }
   }
+  // One file read and the program ends: its movie is described on a thread
+  // rather than in a worker process, which would cost more to start than
+  // it saves. The request stream keeps the worker.
+  if (argc >= 2) describer().runOnThreads();
   return MetaReader::process(argc, arguments) & 0xFF;
 }

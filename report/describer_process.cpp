@@ -16,6 +16,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <system_error>
+#include <thread>
 #include <cstdint>
 
 #include "gltk/console.h"
@@ -143,6 +145,25 @@ void DescriberProcess::ask(const std::wstring& path) {
   deadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadlineMs_);
   path_ = path;
   asked_ = true;
+  if (threads_) {
+    std::promise<Described> promise;
+    onThread_ = promise.get_future();
+    try {
+      std::thread([describe = describe_, path, promise = std::move(promise)]() mutable {
+        Described answer;
+        try {
+          answer.described = describe(path, answer.description);
+        } catch (...) {
+          answer.described = false;
+        }
+        promise.set_value(answer);
+      }).detach();
+      sent_ = true;
+    } catch (const std::system_error&) {
+      sent_ = false;  // no thread: take() describes on the caller's
+    }
+    return;
+  }
   // A worker that ended between two descriptions (killed from outside, say)
   // is replaced once.
   sent_ = pid_ > 0 && send(path);
@@ -153,14 +174,28 @@ void DescriberProcess::ask(const std::wstring& path) {
 }
 
 void DescriberProcess::drop() {
-  if (asked_ && sent_) stop();
+  if (asked_ && sent_ && !threads_) stop();
+  onThread_ = {};  // a thread still describing finishes on its own
   asked_ = sent_ = false;
 }
 
 bool DescriberProcess::take(MovieDescription& out) {
   if (!asked_) return false;
   asked_ = false;
-  if (pid_ < 0) return describe_(path_, out);  // no process could be started
+  if (threads_ && sent_) {
+    sent_ = false;
+    const bool ready = onThread_.wait_until(deadline_) == std::future_status::ready;
+    if (!ready) {
+      onThread_ = {};
+      GLTK::Console::out(L"movie description of %ls took longer than %g s, given up.\n", path_.c_str(),
+                         deadlineMs_ / 1000.0);
+      return false;
+    }
+    const Described answer = onThread_.get();
+    if (answer.described) out = answer.description;
+    return answer.described;
+  }
+  if (pid_ < 0 || threads_) return describe_(path_, out);  // no process or thread could be started
   Answer answer;
   const Received received = sent_ ? receiveAll(channel_, &answer, sizeof answer, &deadline_) : Received::Ended;
   sent_ = false;

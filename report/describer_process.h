@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <future>
 #include <string>
 
 #include "report/movie_description.h"
@@ -39,12 +40,23 @@ class DescriberProcess {
   // killed, and the next request starts a fresh one.
   void drop();
 
+  // From here on, describes on a thread of this process instead: for a
+  // program that reads one file and ends, which saves the worker's start.
+  // A description past its deadline is left running; it ends with the
+  // program.
+  void runOnThreads() { threads_ = true; }
+
   bool describe(const std::wstring& path, MovieDescription& out) {
     ask(path);
     return take(out);
   }
 
  private:
+  struct Described {
+    bool described = false;
+    MovieDescription description;
+  };
+
   bool start();
   void stop();
   bool send(const std::wstring& path);
@@ -58,6 +70,8 @@ class DescriberProcess {
   bool sent_ = false;   // ... and the worker has it
   std::wstring path_;
   std::chrono::steady_clock::time_point deadline_;
+  bool threads_ = false;
+  std::future<Described> onThread_;  // the answer of a description on a thread
 };
 
 // The program's one describer process, running describeMovie with a
