@@ -35,6 +35,9 @@ bool describeMovie(const std::wstring& path, MovieDescription& out) {
   [[maybe_unused]] static const bool silenced = [] {
     av_log_set_level(AV_LOG_QUIET);
     av_log_set_callback([](void*, int, const char*, va_list) {});
+    // A damaged size in a box can make the demuxer ask for gigabytes at
+    // once; no allocation a description needs comes near this.
+    av_max_alloc(size_t{256} << 20);
     return true;
   }();
 
