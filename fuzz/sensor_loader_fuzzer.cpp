@@ -36,8 +36,8 @@ std::vector<uint8_t> movieAround(const uint8_t* data, size_t size) {
 // Records are kept only as far as the file backs them: each loaded record
 // stands for its own bytes in the file (a gravity sample re-timed onto the
 // KDTG clock for its 8-byte stamp).
-template <class T>
-void checkBacked(const std::vector<T>& records, size_t bytesEach, size_t fileSize) {
+template <class T, class A>
+void checkBacked(const std::vector<T, A>& records, size_t bytesEach, size_t fileSize) {
   if (records.size() > fileSize / bytesEach) fail("more records than the file holds");
 }
 
