@@ -72,7 +72,10 @@ bool describeMovie(const std::wstring& path, MovieDescription& out) {
   }
   if (stream->codecpar->width <= 0 || stream->codecpar->height <= 0) return false;
 
-  // The first packet of the video stream must be readable.
+  // The first packet of the video stream must be readable. Its bytes are
+  // all that is asked of it, so no parser is started on it (H.264's would
+  // decode the parameter sets once more) and no timestamps are filled in.
+  format->flags |= AVFMT_FLAG_NOPARSE | AVFMT_FLAG_NOFILLIN;
   for (unsigned i = 0; i < format->nb_streams; ++i) {
     if (static_cast<int>(i) != index) format->streams[i]->discard = AVDISCARD_ALL;
   }
