@@ -9,6 +9,10 @@
 #
 #   scripts/mutation-score.sh [count] [seed]     (default: 80 mutants, seed 1)
 #
+# With KILLED_IN=<log of an earlier run>, only the mutants that run killed are
+# tried again (the others count as surviving): a quick check that a changed
+# test suite still catches what the earlier one caught, on the same program.
+#
 # It works on a copy of the working tree in build-mutation/ (the tree itself
 # is never changed) and prints one line per mutant, then the score. Not run
 # by CI: about a minute per mutant on two cores.
@@ -20,20 +24,27 @@ seed=${2:-1}
 work=$PWD/build-mutation
 src=$work/src
 build=$work/build
-# The copy follows the working tree: tracked and new files, nothing ignored,
-# with their times, so that the build folder rebuilds only what changed.
+# The copy follows the working tree: tracked and new files, nothing ignored.
+# Every copied file is newer than the build (a run stopped in the middle may
+# have left an object built from a mutant); ccache keeps the rebuild short.
 rm -rf "$src"
 mkdir -p "$src"
-git ls-files --cached --others --exclude-standard -z | tar --null -T - -cf - | tar -xf - -C "$src"
+git ls-files --cached --others --exclude-standard -z | tar --null -T - -cf - | tar -xmf - -C "$src"
 launcher=()
 command -v ccache > /dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_FLAGS="-O1" "${launcher[@]}" > /dev/null
 cmake --build "$build" -j"$(nproc)" > "$work/build.log" 2>&1 || { tail -n 30 "$work/build.log"; exit 1; }
 
-python3 - "$src" "$build" "$count" "$seed" <<'EOF'
+python3 - "$src" "$build" "$count" "$seed" "${KILLED_IN:-}" <<'EOF'
 import glob, os, random, re, subprocess, sys
 
 src, build, count, seed = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
+# The mutants an earlier run tried, and those it killed (by their lines).
+tried_before = killed_before = None
+if sys.argv[5]:
+    lines_before = [line.split(None, 1) for line in open(sys.argv[5], encoding="utf-8")]
+    tried_before = {rest.rstrip("\n") for word, rest in lines_before if word in ("killed", "LIVED")}
+    killed_before = {rest.rstrip("\n") for word, rest in lines_before if word == "killed"}
 folders = ("cli", "gltk", "mp4", "h264", "exif", "sensor", "report")
 jobs = str(os.cpu_count() or 2)
 
@@ -97,9 +108,11 @@ for folder in folders:
 
 def suite_passes():
     """Each test binary in one process (far quicker than one process per
-    test), stopping at the first failure, then the documentation tests."""
+    test), the unit tests first and the whole-program tests last, stopping at
+    the first failure; then the documentation tests."""
     env = dict(os.environ, SONDEX_SOURCE_DIR=src)
-    for binary in sorted(glob.glob(os.path.join(build, "tests", "*", "sondex_*_tests"))):
+    binaries = glob.glob(os.path.join(build, "tests", "*", "sondex_*_tests"))
+    for binary in sorted(binaries, key=lambda path: (path.endswith("sondex_cli_tests"), path)):
         run = subprocess.run(["timeout", "300", binary, "--gtest_fail_fast", "--gtest_brief=1"], env=env,
                              capture_output=True, cwd=os.path.dirname(binary))
         if run.returncode != 0:
@@ -126,6 +139,14 @@ for path, n, at, old, new in sites:
     else:
         what = f"{old.strip()} -> {new.strip()}: {lines[n].strip()}"
         lines[n] = lines[n][:at] + new + lines[n][at + len(old):]
+    name = f"{path}:{n + 1}  {what[:110]}"
+    if tried_before is not None and name not in killed_before:
+        if name in tried_before:
+            tried += 1
+            print(f"LIVED   {name}  (before)", flush=True)
+        else:
+            skipped += 1
+        continue
     open(full, "w", encoding="utf-8").write("\n".join(lines))
     try:
         built = subprocess.run(["cmake", "--build", build, "-j", jobs], capture_output=True).returncode == 0
@@ -135,7 +156,7 @@ for path, n, at, old, new in sites:
         tried += 1
         dead = not suite_passes()
         killed += dead
-        print(f"{'killed ' if dead else 'LIVED  '} {path}:{n + 1}  {what[:110]}", flush=True)
+        print(f"{'killed ' if dead else 'LIVED  '} {name}", flush=True)
     finally:
         open(full, "w", encoding="utf-8").write(original)
 subprocess.run(["cmake", "--build", build, "-j", jobs], capture_output=True)
