@@ -51,6 +51,30 @@ std::string walk(const Block& b) {
   return out.str();
 }
 
+// The walks with every line that repeats the line at the same place in the walk above replaced by a count, so
+// that the golden file shows what each block changes (and still pins every line).
+std::string elideRepeats(const std::vector<std::string>& walks) {
+  std::vector<std::string> above, lines;
+  std::string out;
+  for (const std::string& walk : walks) {
+    std::istringstream in(walk);
+    lines.clear();
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    size_t same = 0;
+    for (size_t i = 0; i <= lines.size(); ++i) {
+      if (i > 0 && i < lines.size() && i < above.size() && lines[i] == above[i]) {
+        ++same;
+        continue;
+      }
+      if (same > 0) out += "   (" + std::to_string(same) + " lines as above)\n";
+      if (i < lines.size()) out += lines[i] + "\n";
+      same = 0;
+    }
+    above = lines;
+  }
+  return out;
+}
+
 Bytes jpeg(const Ifd& ifd0, bool big = kBigEndian) { return jpegWithExif(TiffBuilder(big).build(ifd0)); }
 Bytes note(const Ifd& zepra) { return TiffBuilder().buildMakerNote(Ifd().sub(0x4001, zepra)); }
 // Compass comes first, but Zenith is read before it.
@@ -115,11 +139,12 @@ TEST(ExifWalker, WalksEveryBlockAsInTheGoldenFile) {
       {"table 2 as ASCII", kDng, camera(Ifd().bytes(0x0201, kUndefined, table).ascii(0x0202, "TABLE"))},
       {"no table 2", kDng, camera(Ifd().bytes(0x0201, kUndefined, table))},
   };
-  std::string text;
+  std::vector<std::string> walks;
   for (uint16_t stored : {0, 1, 2, 3, 4, 5, 6, 7, 9, 10, 13}) {
-    text += walk({"stabilisation " + std::to_string(stored), kNote, note(Ifd().shorts(0x1014, {stored}))});
+    walks.push_back(walk({"stabilisation " + std::to_string(stored), kNote, note(Ifd().shorts(0x1014, {stored}))}));
   }
-  for (const Block& b : blocks) text += walk(b);
+  for (const Block& b : blocks) walks.push_back(walk(b));
+  const std::string text = elideRepeats(walks);
   const char* dir = std::getenv("SONDEX_SOURCE_DIR");
   const std::string path = std::string(dir ? dir : ".") + "/tests/exif/golden/walks.txt";
   if (std::getenv("SONDEX_UPDATE_GOLDEN")) writeFile(path, Bytes(text.begin(), text.end()));
