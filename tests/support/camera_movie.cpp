@@ -1,7 +1,6 @@
 #include "tests/support/camera_movie.h"
 
 #include <algorithm>
-#include <tuple>
 #include <stdexcept>
 
 #include "mp4/boxes.h"
@@ -14,12 +13,6 @@
 
 namespace sondex::test {
 
-namespace {
-
-void putBE32(Bytes& bytes, uint64_t at, uint32_t value) {
-  for (int i = 0; i < 4; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-}
-
 uint64_t getBE(const Bytes& bytes, uint64_t at, int n) {
   uint64_t v = 0;
   for (int i = 0; i < n; ++i) v = v << 8 | bytes[at + i];
@@ -30,18 +23,17 @@ void putBE(Bytes& bytes, uint64_t at, uint64_t value, int n) {
   for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (8 * (n - 1 - i)));
 }
 
-void growSize(Bytes& bytes, const MP4::BOX& box, uint64_t delta) {
-  if (box.largeSize) {
-    putBE(bytes, box.start + 8, getBE(bytes, box.start + 8, 8) + delta, 8);
-  } else {
-    putBE32(bytes, box.start, static_cast<uint32_t>(getBE(bytes, box.start, 4) + delta));
+void shiftChunkOffsets(const MP4::Container& parsed, Bytes& out, int64_t delta) {
+  if (parsed.mdat == nullptr || parsed.mdat->start < parsed.moov->start) return;
+  for (const auto& [path, width] : {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
+    for (MP4::BOX* box : findAll(parsed, path)) {
+      const auto& table = static_cast<const MP4::STCO&>(*box);
+      for (uint64_t i = 0; i < table.entryCount; ++i) {
+        const uint64_t at = table.entryOffset + width * i;
+        putBE(out, at, getBE(out, at, width) + static_cast<uint64_t>(delta), width);
+      }
+    }
   }
-}
-
-}  // namespace
-
-Bytes sphericalUsertype() {
-  return {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
 }
 
 Bytes xmpUsertype() {
@@ -81,8 +73,13 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   auto parsed = attachBytes(dir, movie);
   const MP4::BOX* moov = parsed->moov;
   if (moov == nullptr) throw std::invalid_argument("movie without moov");
-  const MP4::BOX* trak = parsed->videoTrak;
   const MP4::BOX* udta = findFirst(*parsed, "moov.udta");
+  Bytes out = movie;
+  auto grow = [&](const MP4::BOX& box, uint64_t delta) {
+    const int width = box.largeSize ? 8 : 4;
+    const uint64_t at = box.start + (box.largeSize ? 8 : 0);
+    putBE(out, at, getBE(out, at, width) + delta, width);
+  };
 
   Bytes udtaChildren;
   auto append = [&](const Bytes& b) { udtaChildren.insert(udtaChildren.end(), b.begin(), b.end()); };
@@ -91,57 +88,31 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   for (const Bytes& b : boxes.udta) append(b);
   if (!boxes.location.empty()) append(Box("@xyz").str(boxes.location).build());
 
-  // Insertions by position in the original file, and for one position in
-  // the order they must stand (a box closing the track before the user data
-  // that closes the movie box), and the boxes that grow.
-  std::vector<std::tuple<uint64_t, int, Bytes>> inserts;
-  std::vector<std::pair<const MP4::BOX*, uint64_t>> grows;
+  // Insertions by position in the original file; where two meet, the box
+  // closing the track goes before the user data closing the movie box.
+  std::vector<std::pair<uint64_t, Bytes>> inserts;
   uint64_t moovGrowth = 0;
   if (!udtaChildren.empty()) {
-    if (udta != nullptr) {
-      inserts.emplace_back(udta->end(), 1, udtaChildren);
-      grows.emplace_back(udta, udtaChildren.size());
-      moovGrowth += udtaChildren.size();
-    } else {
-      const Bytes whole = Box("udta").bytes(udtaChildren).build();
-      inserts.emplace_back(moov->end(), 1, whole);
-      moovGrowth += whole.size();
-    }
+    if (udta != nullptr) grow(*udta, udtaChildren.size());
+    inserts.emplace_back(udta != nullptr ? udta->end() : moov->end(),
+                         udta != nullptr ? udtaChildren : Box("udta").bytes(udtaChildren).build());
+    moovGrowth += inserts.back().second.size();
   }
   if (!boxes.sphericalXml.empty()) {
+    const MP4::BOX* trak = parsed->videoTrak;
     if (trak == nullptr) throw std::invalid_argument("movie without a video track");
-    const Bytes uuid = Box("uuid").bytes(sphericalUsertype()).str(boxes.sphericalXml).build();
-    inserts.emplace_back(trak->end(), 0, uuid);
-    grows.emplace_back(trak, uuid.size());
-    moovGrowth += uuid.size();
+    inserts.emplace_back(trak->end(), Box("uuid")
+                                          .bytes({0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58,
+                                                  0x7A, 0x02, 0x52, 0x1F, 0xDD})
+                                          .str(boxes.sphericalXml)
+                                          .build());
+    grow(*trak, inserts.back().second.size());
+    moovGrowth += inserts.back().second.size();
   }
-  grows.emplace_back(moov, moovGrowth);
-
-  Bytes out = movie;
-  for (const auto& [box, delta] : grows) growSize(out, *box, delta);
-  // The media data behind a grown movie box moves by the growth.
-  if (parsed->mdat != nullptr && parsed->mdat->start > moov->start && moovGrowth > 0) {
-    for (MP4::BOX* box : findAll(*parsed, "moov.trak.mdia.minf.stbl.stco")) {
-      const auto& stco = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < stco.entryCount; ++i) {
-        const uint64_t at = stco.entryOffset + 4 * i;
-        putBE(out, at, getBE(out, at, 4) + moovGrowth, 4);
-      }
-    }
-    for (MP4::BOX* box : findAll(*parsed, "moov.trak.mdia.minf.stbl.co64")) {
-      const auto& co64 = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < co64.entryCount; ++i) {
-        const uint64_t at = co64.entryOffset + 8 * i;
-        putBE(out, at, getBE(out, at, 8) + moovGrowth, 8);
-      }
-    }
-  }
-  std::sort(inserts.begin(), inserts.end(),
-            [](const auto& a, const auto& b) { return std::tie(std::get<0>(a), std::get<1>(a)) >
-                                                      std::tie(std::get<0>(b), std::get<1>(b)); });
-  for (const auto& [at, order, bytes] : inserts) {
-    out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
-  }
+  grow(*moov, moovGrowth);
+  shiftChunkOffsets(*parsed, out, static_cast<int64_t>(moovGrowth));
+  std::stable_sort(inserts.begin(), inserts.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (const auto& [at, bytes] : inserts) out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
   if (!boxes.xmp.empty()) {
     const Bytes uuid = Box("uuid").bytes(xmpUsertype()).str(boxes.xmp).build();
     out.insert(out.end(), uuid.begin(), uuid.end());

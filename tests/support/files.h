@@ -8,8 +8,7 @@
 
 namespace sondex::test {
 
-// A fresh directory under the system's temporary folder, removed with its
-// content at destruction.
+// A fresh temporary directory, removed with its content at destruction.
 class TempDir {
  public:
   TempDir();
@@ -48,9 +47,8 @@ class ConsoleCapture {
   FILE* previous_;
 };
 
-// Runs a shell command; returns its standard output. Fails the test on a
-// non-zero status unless allowed.
-std::string run(const std::string& command, int* status = nullptr);
+// Runs a shell command; returns its standard output, or throws when it fails.
+std::string run(const std::string& command);
 bool haveProgram(const std::string& name);
 
 }  // namespace sondex::test
