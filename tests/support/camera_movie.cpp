@@ -4,8 +4,6 @@
 #include <stdexcept>
 
 #include "mp4/boxes.h"
-#include "mp4/container.h"
-#include "tests/support/files.h"
 #include "tests/support/mp4_builder.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"
@@ -13,39 +11,25 @@
 
 namespace sondex::test {
 
-uint64_t getBE(const Bytes& bytes, uint64_t at, int n) {
+namespace {
+
+// Adds delta to the big-endian n-byte number at.
+void addBE(Bytes& bytes, uint64_t at, uint64_t delta, int n) {
   uint64_t v = 0;
   for (int i = 0; i < n; ++i) v = v << 8 | bytes[at + i];
-  return v;
+  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>((v + delta) >> (8 * (n - 1 - i)));
 }
 
-void putBE(Bytes& bytes, uint64_t at, uint64_t value, int n) {
-  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (8 * (n - 1 - i)));
-}
-
-void shiftChunkOffsets(const MP4::Container& parsed, Bytes& out, int64_t delta) {
-  if (parsed.mdat == nullptr || parsed.mdat->start < parsed.moov->start) return;
-  for (const auto& [path, width] : {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
-    for (MP4::BOX* box : findAll(parsed, path)) {
-      const auto& table = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < table.entryCount; ++i) {
-        const uint64_t at = table.entryOffset + width * i;
-        putBE(out, at, getBE(out, at, width) + static_cast<uint64_t>(delta), width);
-      }
-    }
-  }
-}
+}  // namespace
 
 Bytes xmpUsertype() {
   return {0xBE, 0x7A, 0xCF, 0xCB, 0x97, 0xA9, 0x42, 0xE8, 0x9C, 0x71, 0x99, 0x94, 0x91, 0xE3, 0xAF, 0xAC};
 }
 
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov) {
-  return "<?xml version=\"1.0\"?><rdf:SphericalVideo\n"
-         "xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
+  return "<?xml version=\"1.0\"?><rdf:SphericalVideo\nxmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
          "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n"
-         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n"
-         "  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
+         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
          "  <GSpherical:StitchingSoftware>" + software + "</GSpherical:StitchingSoftware>\n"
          "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n"
          "  <GSpherical:InitialViewHeadingDegrees>" + std::to_string(heading) +
@@ -59,13 +43,10 @@ std::string sphericalXmlText(const std::string& software, int heading, int pitch
 std::string xmpText(const std::string& creatorTool) {
   return "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
          "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
-         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n"
-         "  <rdf:Description rdf:about=\"\" xmlns:x=\"adobe:ns:meta/\">\n"
+         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n  <rdf:Description rdf:about=\"\" "
+         "xmlns:x=\"adobe:ns:meta/\">\n"
          "   <x:CreatorTool>" + creatorTool + "</x:CreatorTool>\n"
-         "  </rdf:Description>\n"
-         " </rdf:RDF>\n"
-         "</x:xmpmeta>\n"
-         "<?xpacket end=\"w\"?>";
+         "  </rdf:Description>\n </rdf:RDF>\n</x:xmpmeta>\n<?xpacket end=\"w\"?>";
 }
 
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
@@ -75,11 +56,7 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   if (moov == nullptr) throw std::invalid_argument("movie without moov");
   const MP4::BOX* udta = findFirst(*parsed, "moov.udta");
   Bytes out = movie;
-  auto grow = [&](const MP4::BOX& box, uint64_t delta) {
-    const int width = box.largeSize ? 8 : 4;
-    const uint64_t at = box.start + (box.largeSize ? 8 : 0);
-    putBE(out, at, getBE(out, at, width) + delta, width);
-  };
+  auto grow = [&](const MP4::BOX& box, uint64_t delta) { addBE(out, box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4); };
 
   Bytes udtaChildren;
   auto append = [&](const Bytes& b) { udtaChildren.insert(udtaChildren.end(), b.begin(), b.end()); };
@@ -110,7 +87,15 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
     moovGrowth += inserts.back().second.size();
   }
   grow(*moov, moovGrowth);
-  shiftChunkOffsets(*parsed, out, static_cast<int64_t>(moovGrowth));
+  // The media data behind a grown movie box moves by the growth.
+  for (const auto& [path, width] : {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
+    for (MP4::BOX* box : findAll(*parsed, path)) {
+      const auto& table = static_cast<const MP4::STCO&>(*box);
+      for (uint64_t i = 0; parsed->mdat != nullptr && parsed->mdat->start > moov->start && i < table.entryCount; ++i) {
+        addBE(out, table.entryOffset + width * i, moovGrowth, width);
+      }
+    }
+  }
   std::stable_sort(inserts.begin(), inserts.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
   for (const auto& [at, bytes] : inserts) out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
   if (!boxes.xmp.empty()) {

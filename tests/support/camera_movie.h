@@ -7,18 +7,7 @@
 
 #include "tests/support/bytes.h"
 
-namespace MP4 {
-class Container;
-}
-
 namespace sondex::test {
-
-uint64_t getBE(const Bytes& bytes, uint64_t at, int n);
-void putBE(Bytes& bytes, uint64_t at, uint64_t value, int n);
-
-// Moves every chunk offset by delta when the media data follows the movie
-// box (bytes inserted into the movie box push it along).
-void shiftChunkOffsets(const MP4::Container& parsed, Bytes& out, int64_t delta);
 
 struct CameraBoxes {
   std::string model;         // "@mod" text (empty: no box)

@@ -13,10 +13,8 @@
 
 namespace sondex::test {
 
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "sondex-test-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
+TempDir::TempDir() : path_((std::filesystem::temp_directory_path() / "sondex-test-XXXXXX").string()) {
+  if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -28,19 +26,18 @@ TempDir::~TempDir() {
 std::wstring TempDir::wfile(const std::string& name) const { return widen(file(name)); }
 
 std::string TempDir::write(const std::string& name, const Bytes& bytes) const {
-  const std::string full = file(name);
-  writeFile(full, bytes);
-  return full;
-}
-
-Bytes readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  writeFile(file(name), bytes);
+  return file(name);
 }
 
 std::string readText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+Bytes readFile(const std::string& path) {
+  const std::string text = readText(path);
+  return Bytes(text.begin(), text.end());
 }
 
 void writeFile(const std::string& path, const Bytes& bytes) {

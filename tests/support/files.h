@@ -19,8 +19,7 @@ class TempDir {
   const std::string& path() const { return path_; }
   std::string file(const std::string& name) const { return path_ + "/" + name; }
   std::wstring wfile(const std::string& name) const;
-  // Writes bytes to name and returns the full path.
-  std::string write(const std::string& name, const Bytes& bytes) const;
+  std::string write(const std::string& name, const Bytes& bytes) const;  // returns the full path
 
  private:
   std::string path_;
@@ -39,8 +38,7 @@ class ConsoleCapture {
   ConsoleCapture(const ConsoleCapture&) = delete;
   ConsoleCapture& operator=(const ConsoleCapture&) = delete;
 
-  // The bytes written so far (UTF-8).
-  std::string text() const;
+  std::string text() const;  // the bytes written so far (UTF-8)
 
  private:
   FILE* file_;
