@@ -1,12 +1,9 @@
 #include "tests/support/camera_movie.h"
 
 #include <algorithm>
-#include <tuple>
 #include <stdexcept>
 
 #include "mp4/boxes.h"
-#include "mp4/container.h"
-#include "tests/support/files.h"
 #include "tests/support/mp4_builder.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"
@@ -16,44 +13,23 @@ namespace sondex::test {
 
 namespace {
 
-void putBE32(Bytes& bytes, uint64_t at, uint32_t value) {
-  for (int i = 0; i < 4; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-}
-
-uint64_t getBE(const Bytes& bytes, uint64_t at, int n) {
+// Adds delta to the big-endian n-byte number at.
+void addBE(Bytes& bytes, uint64_t at, uint64_t delta, int n) {
   uint64_t v = 0;
   for (int i = 0; i < n; ++i) v = v << 8 | bytes[at + i];
-  return v;
-}
-
-void putBE(Bytes& bytes, uint64_t at, uint64_t value, int n) {
-  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (8 * (n - 1 - i)));
-}
-
-void growSize(Bytes& bytes, const MP4::BOX& box, uint64_t delta) {
-  if (box.largeSize) {
-    putBE(bytes, box.start + 8, getBE(bytes, box.start + 8, 8) + delta, 8);
-  } else {
-    putBE32(bytes, box.start, static_cast<uint32_t>(getBE(bytes, box.start, 4) + delta));
-  }
+  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>((v + delta) >> (8 * (n - 1 - i)));
 }
 
 }  // namespace
-
-Bytes sphericalUsertype() {
-  return {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
-}
 
 Bytes xmpUsertype() {
   return {0xBE, 0x7A, 0xCF, 0xCB, 0x97, 0xA9, 0x42, 0xE8, 0x9C, 0x71, 0x99, 0x94, 0x91, 0xE3, 0xAF, 0xAC};
 }
 
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov) {
-  return "<?xml version=\"1.0\"?><rdf:SphericalVideo\n"
-         "xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
+  return "<?xml version=\"1.0\"?><rdf:SphericalVideo\nxmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
          "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n"
-         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n"
-         "  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
+         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
          "  <GSpherical:StitchingSoftware>" + software + "</GSpherical:StitchingSoftware>\n"
          "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n"
          "  <GSpherical:InitialViewHeadingDegrees>" + std::to_string(heading) +
@@ -67,13 +43,10 @@ std::string sphericalXmlText(const std::string& software, int heading, int pitch
 std::string xmpText(const std::string& creatorTool) {
   return "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
          "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
-         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n"
-         "  <rdf:Description rdf:about=\"\" xmlns:x=\"adobe:ns:meta/\">\n"
+         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n  <rdf:Description rdf:about=\"\" "
+         "xmlns:x=\"adobe:ns:meta/\">\n"
          "   <x:CreatorTool>" + creatorTool + "</x:CreatorTool>\n"
-         "  </rdf:Description>\n"
-         " </rdf:RDF>\n"
-         "</x:xmpmeta>\n"
-         "<?xpacket end=\"w\"?>";
+         "  </rdf:Description>\n </rdf:RDF>\n</x:xmpmeta>\n<?xpacket end=\"w\"?>";
 }
 
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
@@ -81,8 +54,9 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   auto parsed = attachBytes(dir, movie);
   const MP4::BOX* moov = parsed->moov;
   if (moov == nullptr) throw std::invalid_argument("movie without moov");
-  const MP4::BOX* trak = parsed->videoTrak;
   const MP4::BOX* udta = findFirst(*parsed, "moov.udta");
+  Bytes out = movie;
+  auto grow = [&](const MP4::BOX& box, uint64_t delta) { addBE(out, box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4); };
 
   Bytes udtaChildren;
   auto append = [&](const Bytes& b) { udtaChildren.insert(udtaChildren.end(), b.begin(), b.end()); };
@@ -91,57 +65,39 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   for (const Bytes& b : boxes.udta) append(b);
   if (!boxes.location.empty()) append(Box("@xyz").str(boxes.location).build());
 
-  // Insertions by position in the original file, and for one position in
-  // the order they must stand (a box closing the track before the user data
-  // that closes the movie box), and the boxes that grow.
-  std::vector<std::tuple<uint64_t, int, Bytes>> inserts;
-  std::vector<std::pair<const MP4::BOX*, uint64_t>> grows;
+  // Insertions by position in the original file; where two meet, the box
+  // closing the track goes before the user data closing the movie box.
+  std::vector<std::pair<uint64_t, Bytes>> inserts;
   uint64_t moovGrowth = 0;
   if (!udtaChildren.empty()) {
-    if (udta != nullptr) {
-      inserts.emplace_back(udta->end(), 1, udtaChildren);
-      grows.emplace_back(udta, udtaChildren.size());
-      moovGrowth += udtaChildren.size();
-    } else {
-      const Bytes whole = Box("udta").bytes(udtaChildren).build();
-      inserts.emplace_back(moov->end(), 1, whole);
-      moovGrowth += whole.size();
-    }
+    if (udta != nullptr) grow(*udta, udtaChildren.size());
+    inserts.emplace_back(udta != nullptr ? udta->end() : moov->end(),
+                         udta != nullptr ? udtaChildren : Box("udta").bytes(udtaChildren).build());
+    moovGrowth += inserts.back().second.size();
   }
   if (!boxes.sphericalXml.empty()) {
+    const MP4::BOX* trak = parsed->videoTrak;
     if (trak == nullptr) throw std::invalid_argument("movie without a video track");
-    const Bytes uuid = Box("uuid").bytes(sphericalUsertype()).str(boxes.sphericalXml).build();
-    inserts.emplace_back(trak->end(), 0, uuid);
-    grows.emplace_back(trak, uuid.size());
-    moovGrowth += uuid.size();
+    inserts.emplace_back(trak->end(), Box("uuid")
+                                          .bytes({0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58,
+                                                  0x7A, 0x02, 0x52, 0x1F, 0xDD})
+                                          .str(boxes.sphericalXml)
+                                          .build());
+    grow(*trak, inserts.back().second.size());
+    moovGrowth += inserts.back().second.size();
   }
-  grows.emplace_back(moov, moovGrowth);
-
-  Bytes out = movie;
-  for (const auto& [box, delta] : grows) growSize(out, *box, delta);
+  grow(*moov, moovGrowth);
   // The media data behind a grown movie box moves by the growth.
-  if (parsed->mdat != nullptr && parsed->mdat->start > moov->start && moovGrowth > 0) {
-    for (MP4::BOX* box : findAll(*parsed, "moov.trak.mdia.minf.stbl.stco")) {
-      const auto& stco = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < stco.entryCount; ++i) {
-        const uint64_t at = stco.entryOffset + 4 * i;
-        putBE(out, at, getBE(out, at, 4) + moovGrowth, 4);
-      }
-    }
-    for (MP4::BOX* box : findAll(*parsed, "moov.trak.mdia.minf.stbl.co64")) {
-      const auto& co64 = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < co64.entryCount; ++i) {
-        const uint64_t at = co64.entryOffset + 8 * i;
-        putBE(out, at, getBE(out, at, 8) + moovGrowth, 8);
+  for (const auto& [path, width] : {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
+    for (MP4::BOX* box : findAll(*parsed, path)) {
+      const auto& table = static_cast<const MP4::STCO&>(*box);
+      for (uint64_t i = 0; parsed->mdat != nullptr && parsed->mdat->start > moov->start && i < table.entryCount; ++i) {
+        addBE(out, table.entryOffset + width * i, moovGrowth, width);
       }
     }
   }
-  std::sort(inserts.begin(), inserts.end(),
-            [](const auto& a, const auto& b) { return std::tie(std::get<0>(a), std::get<1>(a)) >
-                                                      std::tie(std::get<0>(b), std::get<1>(b)); });
-  for (const auto& [at, order, bytes] : inserts) {
-    out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
-  }
+  std::stable_sort(inserts.begin(), inserts.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (const auto& [at, bytes] : inserts) out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
   if (!boxes.xmp.empty()) {
     const Bytes uuid = Box("uuid").bytes(xmpUsertype()).str(boxes.xmp).build();
     out.insert(out.end(), uuid.begin(), uuid.end());
