@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -187,6 +188,19 @@ TEST_F(Cli, ADriverWaitingForEachAnswerNeverStalls) {
   waitpid(pid, &status, 0);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(readText(dir_.file("d.json")), golden("sample.kdtd.json"));
+}
+
+// FFmpeg spends 30-40 s of CPU opening this movie: it is given up after 2 s in both modes.
+TEST_F(Cli, ADamagedMovieIsGivenUpAfterTwoSeconds) {
+  const std::string damaged = source("tests/data/realworld/fragmented-flipped.mp4");
+  const std::string head =
+      "KMKN not found.\nH.264 detected.\nmovie description of " + damaged + " took longer than 2 s, given up.\n";
+  const auto start = std::chrono::steady_clock::now();
+  const RunResult argumentMode = runSondex({damaged});
+  EXPECT_EQ(argumentMode.status, 1);
+  EXPECT_TRUE(argumentMode.out.starts_with(head + "\nSondex ")) << argumentMode.out;
+  EXPECT_EQ(runSondex({}, damaged + "\n" + sample("sample.mp4") + "\n").out, head + kFailed + movie_);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(9));
 }
 
 TEST(GuardedRequest, WhateverARequestThrowsFailsItWithOneLine) {
