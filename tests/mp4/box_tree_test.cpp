@@ -1,5 +1,4 @@
-// The box tree: header forms, limits, child typing, parent chains, the
-// dotted-path search and the box-level writes.
+// The box tree: header forms, limits, typing, parents, path search, size writes.
 #include <gtest/gtest.h>
 
 #include "mp4/boxes.h"
@@ -15,17 +14,15 @@ using MP4::BOX;
 std::string tree(const MP4::NestedBox& box) {
   std::string out;
   for (const BOX* c : box.children) {
-    out += std::string(c->type.begin(), std::find(c->type.begin(), c->type.end(), 0)) + "@" +
-           std::to_string(c->start) + "+" + std::to_string(c->size);
+    out += std::string(out.empty() ? "" : " ") + std::string(c->type.begin(), std::find(c->type.begin(), c->type.end(), 0)) +
+           "@" + std::to_string(c->start) + "+" + std::to_string(c->size);
     if (c->hasChild()) out += "[" + tree(static_cast<const MP4::NestedBox&>(*c)) + "]";
-    out += c == box.children.back() ? "" : " ";
   }
   return out;
 }
 
-const Bytes kSpatial(MP4::UUID::kSpatialAudio.begin(), MP4::UUID::kSpatialAudio.end());
-
 TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
+  const Bytes spatial(MP4::UUID::kSpatialAudio.begin(), MP4::UUID::kSpatialAudio.end());
   const struct {
     const char* name;
     Bytes file;
@@ -38,17 +35,16 @@ TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
       {"a size below the header still advances", concat({Box("abcd").rawSize(4).build(), Box("free").build()}), ~0ULL,
        "16: abcd@0+4 @4+1633837924"},
       {"a large size of zero ends the walk",
-       concat({Box("free").build(), Box("wide").largeSize(0).build(), Box("free").build()}), ~0ULL,
-       "32: free@0+8 wide@8+0"},
+       concat({Box("free").build(), Box("wide").largeSize(0).build(), Box("free").build()}), ~0ULL, "32: free@0+8 wide@8+0"},
       {"an empty file", {}, ~0ULL, "0: "},
       {"a child past its parent ends the parent's walk", concat({Box("moov").child(Box("udta").child(
        Box("aaaa").rawSize(100)).child(Box("bbbb")).rawSize(16)).build(), Box("free").build()}), ~0ULL,
        "40: moov@0+32[udta@8+16[aaaa@16+100] bbbb@24+8] free@32+8"},
       {"a size limit cuts the tree", concat({Box("ftyp").zeros(8).build(), Box("free").build(), Box("moov").build()}),
        24, "24: ftyp@0+16 free@16+8"},
-      {"only a whole spatial-audio uuid holds a track", concat({Box("uuid").bytes(kSpatial).child(Box("KATR").child(
+      {"only a whole spatial-audio uuid holds a track", concat({Box("uuid").bytes(spatial).child(Box("KATR").child(
        tkhd(2, 1)).child(Box("mdia"))).build(), Box("uuid").zeros(16).child(Box("KATR")).build(),
-       Box("uuid").bytes(Bytes(kSpatial.begin(), kSpatial.begin() + 15)).build()}), ~0ULL,
+       Box("uuid").bytes(Bytes(spatial.begin(), spatial.begin() + 15)).build()}), ~0ULL,
        "187: uuid@0+132[KATR@24+108[tkhd@32+92 mdia@124+8[]]] uuid@132+32 uuid@164+23"},
   };
   for (const auto& row : rows) {
@@ -60,38 +56,21 @@ TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
   }
 }
 
-TEST(BoxTree, DeepUuidTrackChainsStopNestingAtDepth64) {
-  Bytes nested = Box("tkhd").build();
-  for (int i = 0; i < 100; ++i) nested = Box("uuid").bytes(kSpatial).child(Box("KATR").bytes(nested)).build();
-  TempDir dir;
-  auto movie = attachBytes(dir, Box("moov").child(Box("trak").bytes(nested)).build());
-  int levels = 0;  // depths 0 to 64 hold children
-  for (BOX* box = movie->moov; box->hasChild(); box = static_cast<MP4::NestedBox*>(box)->children.front()) ++levels;
-  EXPECT_EQ(levels, 65);
-}
-
 TEST(BoxTree, ParentChainsAndTheChoiceOfMovieMediaAndVideoTrack) {
   TempDir dir;
   const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(1920, 960).child(Box("avcC")));
-  const Bytes file = concat({Box("mdat").zeros(4).build(), Box("ftyp").build(),
-                             Box("moov").child(videoTrak(1920, 960, stsd)).child(videoTrak(640, 320, Box("stsd")))
-                                 .child(videoTrak(0, 0, Box("stsd"))).build(),
-                             Box("mdat").build(), Box("moov").child(videoTrak(8, 8, Box("stsd"))).build(), Box("meta").build()});
-  auto movie = attachBytes(dir, file);
+  auto movie = attachBytes(dir, concat({Box("mdat").build(), Box("ftyp").build(), Box("moov").child(videoTrak(1920, 960, stsd))
+                                            .child(videoTrak(640, 320, Box("stsd"))).child(videoTrak(0, 0, Box("stsd"))).build(),
+                                        Box("mdat").build(), Box("moov").child(videoTrak(8, 8, Box("stsd"))).build(), Box("meta").build()}));
   std::string chain;
-  for (BOX* box = findFirst(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC"); box != nullptr; box = box->parent) {
-    chain += std::string(box->type.begin(), box->type.end()) + " ";
-  }
-  EXPECT_EQ(chain, "avcC avc1 stsd stbl minf mdia trak moov ");
+  for (BOX* box = findFirst(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC"); box; box = box->parent) chain += std::string(box->type.begin(), box->type.end());
+  EXPECT_EQ(chain, "avcCavc1stsdstblminfmdiatrakmoov");
   const auto& top = movie->root->children;
   EXPECT_EQ(std::vector<BOX*>({top[0]->parent, top[1]->parent, top[5]->parent, movie->mdat, movie->moov, movie->videoTrak}),
             std::vector<BOX*>({movie->root, movie->root, nullptr, top[0], top[2], findAll(*movie, "moov.trak")[1]}));
   EXPECT_TRUE(typeid(*top[0]) == typeid(MP4::MDAT) && typeid(*top[1]) == typeid(MP4::FTYP) && typeid(*top[5]) == typeid(MP4::META));
-  // A missing file leaves the container as it was; another one replaces the tree.
-  EXPECT_FALSE(movie->attach(dir.wfile("gone.mp4"), ~0ULL));
-  EXPECT_EQ(movie->path, dir.wfile("movie.mp4"));
-  movie = attachBytes(dir, Box("moov").child(videoTrak(0, 0, Box("stsd"))).build(), "audio.mp4");
-  EXPECT_EQ(std::vector<BOX*>({movie->mdat, movie->videoTrak}), std::vector<BOX*>({nullptr, nullptr}));
+  EXPECT_FALSE(movie->attach(dir.wfile("gone.mp4"), ~0ULL));  // a missing file leaves the container as it was
+  EXPECT_EQ(movie->path + std::to_wstring(movie->root->children.size()), dir.wfile("movie.mp4") + L"6");
 }
 
 TEST(BoxTree, PathSearchVisitsMatchesInFileOrderAndFalseEndsOnlyTheSiblings) {
@@ -105,38 +84,25 @@ TEST(BoxTree, PathSearchVisitsMatchesInFileOrderAndFalseEndsOnlyTheSiblings) {
     movie->find("moov.trak.mdia", [&](BOX& box) { return sizes.push_back(box.size), goOn; });
     EXPECT_EQ(sizes, (goOn ? std::vector<uint64_t>{8, 18, 9, 19, 10, 20} : std::vector<uint64_t>{8, 9, 10}));
   }
-  EXPECT_EQ(findAll(*movie, "moov.trak").size(), 3u);
   EXPECT_EQ(typeid(*findFirst(*movie, "moov.udta.@xyz")), typeid(BOX));  // raw bytes: '@' is not A9
   EXPECT_NE(findTyped<MP4::XYZ>(*movie, "moov.udta.\xA9xyz"), nullptr);
-  EXPECT_TRUE(findAll(*movie, "moov.udta.free.skip").empty());  // plain boxes hold nothing
-  EXPECT_TRUE(findAll(*movie, "MOOV").empty());
+  EXPECT_TRUE(findAll(*movie, "moov.udta.free.skip").empty() && findAll(*movie, "MOOV").empty());
   int runs = 0;
   for (const char* path : {"moov.trak.mdia", "moov.meta", "moov.trak.mdix"}) movie->if_not_found(path, [&] { ++runs; });
   EXPECT_EQ(runs, 2);
 }
 
-TEST(BoxTree, WriteSizeKeepsTheHeaderFormAndCopyToCopiesWholeBoxes) {
+TEST(BoxTree, WriteSizeKeepsTheHeaderFormAndThePosition) {
   TempDir dir;
-  const Bytes file = concat({Box("free").zeros(2000).build(), Box("wide").largeSize().build(), Box("cut!").rawSize(5000).build()});
-  auto movie = attachBytes(dir, file);
-  const auto& top = movie->root->children;
-  movie->open([&](GLTK::FileIO& src) {
-    GLTK::FileIO::open_w(dir.wfile("copy"), [&](GLTK::FileIO& dst) {
-      EXPECT_TRUE(top[0]->copyTo(src, dst));
-      EXPECT_FALSE(top[2]->copyTo(src, dst));
-    });
-  });
-  EXPECT_EQ(readFile(dir.file("copy")), Bytes(file.begin(), file.begin() + 2008));
+  auto movie = attachBytes(dir, concat({Box("free").build(), Box("wide").largeSize().build()}));
   movie->open_a([&](GLTK::FileIO& file) {
     MP4::BinFile f(file);
     f.seek_set(3);
-    top[0]->writeSize(f, 0x01020304);
-    top[1]->writeSize(f, 0x0A0B0C0D0E0F1011ULL);
+    movie->root->children[0]->writeSize(f, 0x01020304);
+    movie->root->children[1]->writeSize(f, 0x0A0B0C0D0E0F1011ULL);
     EXPECT_EQ(f.tell(), 3u);
   });
-  const Bytes after = readFile(dir.file("movie.mp4"));
-  EXPECT_EQ(toHex(Bytes(after.begin(), after.begin() + 8)) + " / " + toHex(Bytes(after.begin() + 2008, after.end())),
-            "01 02 03 04 66 72 65 65 / 00 00 00 01 77 69 64 65 0A 0B 0C 0D 0E 0F 10 11 00 00 13 88 63 75 74 21");
+  EXPECT_EQ(toHex(readFile(dir.file("movie.mp4"))), "01 02 03 04 66 72 65 65 00 00 00 01 77 69 64 65 0A 0B 0C 0D 0E 0F 10 11");
   EXPECT_EQ(MP4::BOX(0, 8, {'a', 0, 'c', 'd'}, nullptr).basicTag(), L"'a': start=0 bytes=8");
 }
 
