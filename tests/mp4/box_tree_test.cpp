@@ -1,4 +1,4 @@
-// The box tree: header forms, limits, typing, parents, path search, size writes.
+// The box tree: header forms, limits, typing, parents and the dotted-path search.
 #include <gtest/gtest.h>
 
 #include "mp4/boxes.h"
@@ -90,20 +90,6 @@ TEST(BoxTree, PathSearchVisitsMatchesInFileOrderAndFalseEndsOnlyTheSiblings) {
   int runs = 0;
   for (const char* path : {"moov.trak.mdia", "moov.meta", "moov.trak.mdix"}) movie->if_not_found(path, [&] { ++runs; });
   EXPECT_EQ(runs, 2);
-}
-
-TEST(BoxTree, WriteSizeKeepsTheHeaderFormAndThePosition) {
-  TempDir dir;
-  auto movie = attachBytes(dir, concat({Box("free").build(), Box("wide").largeSize().build()}));
-  movie->open_a([&](GLTK::FileIO& file) {
-    MP4::BinFile f(file);
-    f.seek_set(3);
-    movie->root->children[0]->writeSize(f, 0x01020304);
-    movie->root->children[1]->writeSize(f, 0x0A0B0C0D0E0F1011ULL);
-    EXPECT_EQ(f.tell(), 3u);
-  });
-  EXPECT_EQ(toHex(readFile(dir.file("movie.mp4"))), "01 02 03 04 66 72 65 65 00 00 00 01 77 69 64 65 0A 0B 0C 0D 0E 0F 10 11");
-  EXPECT_EQ(MP4::BOX(0, 8, {'a', 0, 'c', 'd'}, nullptr).basicTag(), L"'a': start=0 bytes=8");
 }
 
 }  // namespace

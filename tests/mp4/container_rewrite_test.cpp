@@ -1,5 +1,4 @@
-// Rewriting a movie's boxes: the rebuild protocol, its faults, and the
-// size and chunk-offset fix-ups.
+// Rewriting a movie's boxes: the rebuild protocol, its faults, and the size and chunk-offset fix-ups.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,15 +20,13 @@ using MP4::Container;
 namespace fs = std::filesystem;
 const auto kYes = [](Container&, BinFile&) { return true; };
 
-// ftyp, moov (header, a track whose stco holds two offsets into mdat), mdat
-// holding "AAAABBBB" at those offsets.
+// ftyp, moov (header, a track whose stco points at "AAAA" and "BBBB"), mdat.
 Bytes movieWithOffsets(const Bytes& header = mvhd(1000, 1000).build()) {
-  auto moov = [&](uint32_t base) {
-    const Box stbl = Box("stbl").child(Box::full("stco", 0, 0).u32(2).u32(base).u32(base + 4));
-    return Box("moov").bytes(header).child(Box("trak").child(Box("mdia").child(Box("minf").child(stbl)))).build();
+  auto moov = [&](uint32_t at) {
+    return Box("moov").bytes(header).child(Box("trak").child(Box("mdia").child(Box("minf").child(
+        Box("stbl").child(Box::full("stco", 0, 0).u32(2).u32(at).u32(at + 4)))))).build();
   };
-  return concat({Box("ftyp").str("isom").build(), moov(static_cast<uint32_t>(12 + moov(0).size() + 8)),
-                 Box("mdat").str("AAAABBBB").build()});
+  return concat({Box("ftyp").str("isom").build(), moov(static_cast<uint32_t>(12 + moov(0).size() + 8)), Box("mdat").str("AAAABBBB").build()});
 }
 
 TEST(ContainerRewrite, InsertBoxRebuildsWithFixedSizesAndOffsetsAndKeepsThePermissions) {
@@ -39,8 +36,7 @@ TEST(ContainerRewrite, InsertBoxRebuildsWithFixedSizesAndOffsetsAndKeepsThePermi
   const Bytes box = Box("mvhd").zeros(4).build();  // 108 bytes become 12
   auto write = [&](BinFile& f) { return f.write(box.data(), 12) == 12; };
   uint64_t limitSeen = 0;
-  ASSERT_TRUE(movie->insertBox(
-      L"test", *findFirst(*movie, "moov.mvhd"), true, write,
+  ASSERT_TRUE(movie->insertBox(L"test", *findFirst(*movie, "moov.mvhd"), true, write,
       [&](Container& rebuilt, BinFile& f) { return limitSeen = rebuilt.root->size, movie->modifyBoxSize(f, *movie->moov, -96); },
       [&](Container& rebuilt, BinFile& f) { return rebuilt.modifySTCOIndex(f, -96); }));
   EXPECT_EQ(limitSeen, 12u + 8u);  // the tree before the insertion point: ftyp and moov's header
@@ -54,25 +50,18 @@ TEST(ContainerRewrite, InsertBoxRebuildsWithFixedSizesAndOffsetsAndKeepsThePermi
   EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);  // no temporary file left
 }
 
-TEST(ContainerRewrite, AFailedRebuildLeavesTheSourceAndNoTemporaryFile) {
+TEST(ContainerRewrite, AFailedRebuildOrEditLeavesTheSourceAndNoTemporaryFile) {
   TempDir dir;
   const Bytes original = movieWithOffsets(), cutShort = concat({Box("aaaa").build(), Box("moov").rawSize(1000).build()});
   const Bytes big = concat({Box("free").zeros(20000).build(), original});
-  auto movie = attachBytes(dir, original);
-  auto cut = attachBytes(dir, cutShort, "cut.mp4");  // a source that ends before its boxes do
-  auto large = attachBytes(dir, big, "big.mp4");
-  const std::string source = dir.file("movie.mp4"), temporary = dir.file("movie.mp4.tmp.mp4");
-  const std::string failed = "Container::modifyContainer::fault(" + source + " to " + temporary + ") failed.\n";
+  auto movie = attachBytes(dir, original), cut = attachBytes(dir, cutShort, "cut.mp4"), large = attachBytes(dir, big, "big.mp4");
+  const std::string source = dir.file("movie.mp4"), temporary = source + ".tmp.mp4";
   auto rebuild = [&](Container& m, bool writes, bool fixes) {
     return m.insertBox(L"fault", *m.moov, true, [&](BinFile&) { return writes; }, kYes, [&](Container&, BinFile&) { return fixes; });
   };
-  for (const auto& [writes, fixes] : {std::pair{false, true}, {true, false}}) {
-    ConsoleCapture capture;
-    EXPECT_FALSE(rebuild(*movie, writes, fixes));
-    EXPECT_EQ(capture.text(), failed);
-    EXPECT_NE(movie->moov, nullptr);  // attached again to the untouched source
-  }
-  EXPECT_FALSE(rebuild(*cut, true, true));
+  ConsoleCapture capture;
+  EXPECT_FALSE(rebuild(*movie, false, true) || rebuild(*movie, true, false) || rebuild(*cut, true, true));  // cut: ends before its boxes
+  EXPECT_NE(movie->moov, nullptr);  // attached again to the untouched source
   const pid_t child = fork();  // writes cut short by a file-size limit
   if (child == 0) {
     std::signal(SIGXFSZ, SIG_IGN);
@@ -82,36 +71,26 @@ TEST(ContainerRewrite, AFailedRebuildLeavesTheSourceAndNoTemporaryFile) {
   }
   int status = 1;
   waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
-  // Whatever stands under the temporary name is neither used nor removed.
-  fs::create_directory(temporary);
-  ConsoleCapture capture;
+  fs::create_directory(temporary);  // whatever stands under the temporary name is neither used nor removed
   EXPECT_FALSE(rebuild(*movie, true, true));
-  EXPECT_EQ(capture.text(), "open(" + temporary + ", 'x') failed.\n" + failed);
-  EXPECT_TRUE(fs::is_directory(temporary) && fs::remove(temporary));
-  EXPECT_TRUE(readFile(source) == original && readFile(dir.file("cut.mp4")) == cutShort && readFile(dir.file("big.mp4")) == big);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 3);
-}
-
-TEST(ContainerRewrite, InPlaceEditsReportFailuresAndKeepWhatWasWritten) {
-  TempDir dir;
-  auto movie = attachBytes(dir, concat({Box("aaaa").build(), Box("bbbb").build()}));
-  const std::string path = dir.file("movie.mp4");
-  ConsoleCapture capture;
+  EXPECT_EQ(std::make_tuple(status, fs::is_directory(temporary) && fs::remove(temporary)), std::make_tuple(0, true));
   EXPECT_FALSE(movie->modifyContainer(L"edit", [](BinFile& f) { return f.seek_set(12), f.write(MP4::code("zzzz").data(), 4), false; }));
-  EXPECT_EQ(findAll(*movie, "zzzz").size(), 1u);  // attached again
-  fs::remove(path);
+  auto fault = [&](const std::string& name) { return "Container::modifyContainer::fault(" + dir.file(name) + " to " + dir.file(name) + ".tmp.mp4) failed.\n"; };
+  EXPECT_EQ(capture.text(), fault("movie.mp4") + fault("movie.mp4") + fault("cut.mp4") + fault("big.mp4") + "open(" + temporary + ", 'x') failed.\n" + fault("movie.mp4") +
+                                "Container::modifyContainer::edit(" + source + ") failed.\n");
+  EXPECT_TRUE(readFile(dir.file("cut.mp4")) == cutShort && readFile(dir.file("big.mp4")) == big);
+  EXPECT_EQ(readFile(source), concat({Bytes(original.begin(), original.begin() + 12), fromHex("7A7A7A7A"), Bytes(original.begin() + 16, original.end())}));
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 3);
+  fs::remove(source);
   EXPECT_FALSE(movie->modifyContainer(L"edit", [](BinFile&) { return true; }));
-  EXPECT_EQ(capture.text(), "Container::modifyContainer::edit(" + path + ") failed.\nopen(" + path + ", 'a') failed.\n"
-                            "Container::modifyContainer::edit(" + path + ") failed.\nopen(" + path + ", 'r') failed.\n");
+  EXPECT_NE(capture.text().find("open(" + source + ", 'a') failed.\nContainer::modifyContainer::edit(" + source + ") failed.\n"), std::string::npos);
 }
 
 TEST(ContainerRewrite, SizeAndChunkOffsetFixUps) {
   TempDir dir;
   auto track = [](const Box& table) { return Box("trak").child(Box("mdia").child(Box("minf").child(Box("stbl").child(table)))); };
   // moov in the large form; stco wraps at 32 bits, co64 carries; a count past the table writes nothing more.
-  const Bytes before = concat({Box("ftyp").build(), Box("moov").largeSize()
-                                   .child(track(Box::full("stco", 0, 0).u32(2).u32(100).u32(0xFFFFFFF0)))
+  const Bytes before = concat({Box("ftyp").build(), Box("moov").largeSize().child(track(Box::full("stco", 0, 0).u32(2).u32(100).u32(0xFFFFFFF0)))
                                    .child(track(Box::full("co64", 0, 0).u32(1).u64(0xFFFFFFF0ULL)))
                                    .child(track(Box::full("stco", 0, 0).u32(1000000).u32(7))).build(), Box("mdat").build()});
   auto movie = attachBytes(dir, before);
@@ -122,9 +101,7 @@ TEST(ContainerRewrite, SizeAndChunkOffsetFixUps) {
   });
   Bytes expected = before;
   for (const auto& [at, value] : {std::pair{23, 0xB9}, {83, 0x3D}, {91, 0x35}, {75, 0x84}, {76, 0}, {77, 0}, {78, 0},
-                                  {79, 0x10}, {131, 1}, {132, 0}, {133, 0}, {134, 0}, {135, 0x10}, {187, 0x27}}) {
-    expected[at] = static_cast<uint8_t>(value);
-  }
+                                  {79, 0x10}, {131, 1}, {132, 0}, {133, 0}, {134, 0}, {135, 0x10}, {187, 0x27}}) expected[at] = static_cast<uint8_t>(value);
   EXPECT_EQ(toHex(readFile(dir.file("movie.mp4"))), toHex(expected));
 }
 

@@ -1,5 +1,4 @@
-// Fields of each typed box, as its dump line shows them and as the program
-// reads them, including damaged and hostile payloads.
+// Fields of each typed box, as dumped and as read, including damaged and hostile payloads.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -112,11 +111,11 @@ TEST(TypedBoxes, BoxesOverThePayloadLimitAreNotRead) {
   ASSERT_TRUE(movie.attach(dir.wfile("movie.mp4"), ~0ULL));
   ConsoleCapture console;
   std::vector<size_t> read;
-  movie.find("moov.udta.@mod", [&](MP4::BOX& found) {
+  for (MP4::BOX* box : findAll(movie, "moov.udta.@mod")) {
     std::string out = "stale";
-    const bool ok = movie.readPayload(found, out);
-    return read.push_back(ok == !out.empty() ? out.size() : 1), true;
-  });
+    const bool ok = movie.readPayload(*box, out);
+    read.push_back(ok == !out.empty() ? out.size() : 1);
+  }
   EXPECT_EQ(read, (std::vector<size_t>{0, MP4::kPayloadLimit - 8}));
   EXPECT_TRUE(findTyped<MP4::UUID>(movie, "uuid")->payload.empty() && MP4::refusedAsOversized(*findFirst(movie, "uuid")));
   EXPECT_TRUE(findTyped<MP4::HDLR>(movie, "meta.hdlr")->name.empty());
@@ -125,29 +124,22 @@ TEST(TypedBoxes, BoxesOverThePayloadLimitAreNotRead) {
                             "uuid: 2147483648 bytes, over the 16 MiB limit, not read.\n");
 }
 
-TEST(TypedBoxes, UuidPayloadsInPiecesAndTheWritesOfBoxes) {
+TEST(TypedBoxes, UuidPayloadsInPiecesAndTheCreationTimeWrites) {
   TempDir dir;
   const std::string xml(1300, 'x');
-  Box mdhd1 = Box::full("mdhd", 1, 0);
-  mdhd1.zeros(32);
-  auto movie = attachBytes(dir, concat({Box("moov").child(mvhd(1, 1)).child(Box("trak").child(tkhd(1, 1)).child(Box("mdia").child(mdhd1))).build(),
+  auto movie = attachBytes(dir, concat({Box("moov").child(mvhd(1, 1)).child(Box("trak").child(tkhd(1, 1))
+                                                .child(Box("mdia").child(Box::full("mdhd", 1, 0).zeros(32)))).build(),
                                         Box("uuid").zeros(15).u8(1).str(xml).build(), Box("uuid").zeros(16).str("abc").rawSize(1 << 20).build()}));
-  EXPECT_EQ(static_cast<MP4::UUID*>(findAll(*movie, "uuid")[0])->payloadText() + static_cast<MP4::UUID*>(findAll(*movie, "uuid")[1])->payloadText(), xml + "abc");
-  MP4::UUID box("<xml/>");
-  box.usertype = MP4::UUID::kSpatialAudio;
-  ByteArray out;
-  box.to_byteArray(out);
+  EXPECT_EQ(findTyped<MP4::UUID>(*movie, "uuid")->payloadText() + static_cast<MP4::UUID*>(findAll(*movie, "uuid")[1])->payloadText(), xml + "abc");
   movie->open_a([&](GLTK::FileIO& file) {
     MP4::BinFile f(file);
     f.seek_set(5);
     EXPECT_TRUE(findTyped<MP4::MVHD>(*movie, "moov.mvhd")->setTimeStamp(f, 0xAABBCCDD) && findTyped<MP4::TKHD>(*movie, "moov.trak.tkhd")->setTimeStamp(f, 0x11223344) &&
-                findTyped<MP4::MDHD>(*movie, "moov.trak.mdia.mdhd")->setTimeStamp(f, 0x0102030405060708ULL) && f.tell() == 5 && f.seek_set(316) && box.write(f));
+                findTyped<MP4::MDHD>(*movie, "moov.trak.mdia.mdhd")->setTimeStamp(f, 0x0102030405060708ULL) && f.tell() == 5);
   });
   const Bytes after = readFile(dir.file("movie.mp4"));
   auto hex = [&](size_t at, size_t n) { return toHex(Bytes(after.begin() + at, after.begin() + at + n)); };
   EXPECT_EQ(hex(20, 4) + " / " + hex(136, 4) + " / " + hex(236, 8), "AA BB CC DD / 11 22 33 44 / 01 02 03 04 05 06 07 08");
-  EXPECT_EQ(hex(316, 30), toHex(Bytes(out.data(), out.data() + out.size())));
-  EXPECT_EQ(hex(316, 30), "00 00 00 1E 75 75 69 64 28 F3 11 E2 B7 91 4F 6F 94 E2 4F 5D EA CB 3C 01 3C 78 6D 6C 2F 3E");
 }
 
 }  // namespace
