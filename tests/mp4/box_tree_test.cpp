@@ -32,16 +32,14 @@ TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
       {"plain, large and to-the-end forms", concat({Box("ftyp").str("isom").u32(0).build(),
        Box("free").largeSize().zeros(4).build(), Box("mdat").rawSize(0).zeros(100).build()}), ~0ULL,
        "144: ftyp@0+16 free@16+20 mdat@36+108"},
-      {"a size below the header still advances", concat({Box("abcd").rawSize(4).build(), Box("free").build()}), ~0ULL,
-       "16: abcd@0+4 @4+1633837924"},
+      {"a size below the header still advances", concat({Box("abcd").rawSize(4).build(), Box("free").build()}), ~0ULL, "16: abcd@0+4 @4+1633837924"},
       {"a large size of zero ends the walk",
        concat({Box("free").build(), Box("wide").largeSize(0).build(), Box("free").build()}), ~0ULL, "32: free@0+8 wide@8+0"},
       {"an empty file", {}, ~0ULL, "0: "},
       {"a child past its parent ends the parent's walk", concat({Box("moov").child(Box("udta").child(
        Box("aaaa").rawSize(100)).child(Box("bbbb")).rawSize(16)).build(), Box("free").build()}), ~0ULL,
        "40: moov@0+32[udta@8+16[aaaa@16+100] bbbb@24+8] free@32+8"},
-      {"a size limit cuts the tree", concat({Box("ftyp").zeros(8).build(), Box("free").build(), Box("moov").build()}),
-       24, "24: ftyp@0+16 free@16+8"},
+      {"a size limit cuts the tree", concat({Box("ftyp").zeros(8).build(), Box("free").build(), Box("moov").build()}), 24, "24: ftyp@0+16 free@16+8"},
       {"only a whole spatial-audio uuid holds a track", concat({Box("uuid").bytes(spatial).child(Box("KATR").child(
        tkhd(2, 1)).child(Box("mdia"))).build(), Box("uuid").zeros(16).child(Box("KATR")).build(),
        Box("uuid").bytes(Bytes(spatial.begin(), spatial.begin() + 15)).build()}), ~0ULL,
@@ -49,17 +47,16 @@ TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
   };
   for (const auto& row : rows) {
     TempDir dir;
-    dir.write("m.mp4", row.file);
-    MP4::Container movie;
-    ASSERT_TRUE(movie.attach(dir.wfile("m.mp4"), row.limit));
-    EXPECT_EQ(std::to_string(movie.root->size) + ": " + tree(*movie.root), row.tree) << row.name;
+    auto movie = attachBytes(dir, row.file);
+    ASSERT_TRUE(movie->attach(dir.wfile("movie.mp4"), row.limit));
+    EXPECT_EQ(std::to_string(movie->root->size) + ": " + tree(*movie->root), row.tree) << row.name;
   }
 }
 
-TEST(BoxTree, ParentChainsAndTheChoiceOfMovieMediaAndVideoTrack) {
+TEST(BoxTree, ParentChainsTheChoiceOfMovieMediaAndVideoTrackAndThePathSearch) {
   TempDir dir;
-  const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(1920, 960).child(Box("avcC")));
-  auto movie = attachBytes(dir, concat({Box("mdat").build(), Box("ftyp").build(), Box("moov").child(videoTrak(1920, 960, stsd))
+  auto movie = attachBytes(dir, concat({Box("mdat").build(), Box("ftyp").build(), Box("moov").child(videoTrak(1920, 960,
+                                            Box::full("stsd", 0, 0).u32(1).child(avc1(1920, 960).child(Box("avcC")))))
                                             .child(videoTrak(640, 320, Box("stsd"))).child(videoTrak(0, 0, Box("stsd"))).build(),
                                         Box("mdat").build(), Box("moov").child(videoTrak(8, 8, Box("stsd"))).build(), Box("meta").build()}));
   std::string chain;
@@ -71,23 +68,19 @@ TEST(BoxTree, ParentChainsAndTheChoiceOfMovieMediaAndVideoTrack) {
   EXPECT_TRUE(typeid(*top[0]) == typeid(MP4::MDAT) && typeid(*top[1]) == typeid(MP4::FTYP) && typeid(*top[5]) == typeid(MP4::META));
   EXPECT_FALSE(movie->attach(dir.wfile("gone.mp4"), ~0ULL));  // a missing file leaves the container as it was
   EXPECT_EQ(movie->path + std::to_wstring(movie->root->children.size()), dir.wfile("movie.mp4") + L"6");
-}
-
-TEST(BoxTree, PathSearchVisitsMatchesInFileOrderAndFalseEndsOnlyTheSiblings) {
-  TempDir dir;
+  // The path search visits matches depth first in file order; false ends the walk among the siblings only.
   Box moov("moov");
   for (int i = 0; i < 3; ++i) moov.child(Box("trak").child(Box("mdia").zeros(i)).child(Box("mdia").zeros(10 + i)));
   moov.child(Box("udta").child(Box("\xA9xyz").u32(0)).child(Box("@xyz").str("+1")).child(Box("free").child(Box("skip"))));
-  auto movie = attachBytes(dir, moov.build());
+  movie = attachBytes(dir, moov.build(), "search.mp4");
   for (const bool goOn : {true, false}) {
     std::vector<uint64_t> sizes;
     movie->find("moov.trak.mdia", [&](BOX& box) { return sizes.push_back(box.size), goOn; });
     EXPECT_EQ(sizes, (goOn ? std::vector<uint64_t>{8, 18, 9, 19, 10, 20} : std::vector<uint64_t>{8, 9, 10}));
   }
-  EXPECT_EQ(typeid(*findFirst(*movie, "moov.udta.@xyz")), typeid(BOX));  // raw bytes: '@' is not A9
-  EXPECT_NE(findTyped<MP4::XYZ>(*movie, "moov.udta.\xA9xyz"), nullptr);
-  EXPECT_TRUE(findAll(*movie, "moov.udta.free.skip").empty() && findAll(*movie, "MOOV").empty());
-  int runs = 0;
+  EXPECT_TRUE(typeid(*findFirst(*movie, "moov.udta.@xyz")) == typeid(BOX) && findTyped<MP4::XYZ>(*movie, "moov.udta.\xA9xyz"));  // '@' is not A9
+  EXPECT_TRUE(findAll(*movie, "moov.udta.free.skip").empty() && findAll(*movie, "MOOV").empty());  // plain boxes hold nothing
+  int runs = 0;  // if_not_found acts only when nothing matches
   for (const char* path : {"moov.trak.mdia", "moov.meta", "moov.trak.mdix"}) movie->if_not_found(path, [&] { ++runs; });
   EXPECT_EQ(runs, 2);
 }

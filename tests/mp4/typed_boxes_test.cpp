@@ -15,8 +15,7 @@ constexpr const char* kStbl = "moov.trak.mdia.minf.stbl.";
 
 TEST(TypedBoxes, EveryBoxPrintsOneIndentedDumpLineAndKeepsItsFields) {
   TempDir dir;
-  Box sowt("sowt");
-  sowt.zeros(6).u16(1).zeros(8).u16(2).u16(16).u16(0).zeros(2).u32(48000u << 16).child(Box("SA3D").zeros(2));
+  const Box sowt = Box("sowt").zeros(6).u16(1).zeros(8).u16(2).u16(16).u16(0).zeros(2).u32(48000u << 16).child(Box("SA3D").zeros(2));
   const Box stsd = Box::full("stsd", 0, 0).u32(2).child(avc1(1920, 960).child(Box("avcC").bytes({1}))).child(sowt)
                        .child(Box("avc1").child(Box("avcC").bytes({9})));  // too short for its fields
   const Bytes stbl = concat({Box::full("stts", 0, 0).u32(0xFFFFFFFF).u32(1).u32(1001).build(),
@@ -24,14 +23,12 @@ TEST(TypedBoxes, EveryBoxPrintsOneIndentedDumpLineAndKeepsItsFields) {
                              Box::full("stsz", 0, 0).u32(0).u32(3).u32(0xFFFFFFFF).u32(0xFFFFFFFF).u32(2).build(),
                              Box::full("stsz", 0, 0).u32(4).u32(0x80000000).build(),  // a 32-bit product
                              Box::full("stco", 0, 0).u32(1).u32(48).build()});
-  Box mvhd1 = Box::full("mvhd", 1, 0), mdhd1 = Box::full("mdhd", 1, 0), tkhd1 = Box::full("tkhd", 1, 0);
-  mvhd1.u64(0x123456789ULL).u64(0).u32(1000).u64(0x9000000000000000ULL);
-  mdhd1.u64(1).u64(2).u32(48000).u64(96000);
-  tkhd1.u64(5).zeros(24 + 52).u32(0xFFFA8000).u32(0x07800000);  // width -5.5
-  const Bytes file = concat(
+  auto movie = attachBytes(dir, concat(
       {Box("ftyp").str("isom").build(),
-       Box("moov").child(mvhd(600, 1500, 3)).child(mvhd1).child(videoTrak(1920, 960, stsd, stbl))
-           .child(Box("trak").child(tkhd1).child(Box("mdia").child(mdhd1)))
+       Box("moov").child(mvhd(600, 1500, 3)).child(Box::full("mvhd", 1, 0).u64(0x123456789ULL).u64(0).u32(1000).u64(0x9000000000000000ULL))
+           .child(videoTrak(1920, 960, stsd, stbl))
+           .child(Box("trak").child(Box::full("tkhd", 1, 0).u64(5).zeros(24 + 52).u32(0xFFFA8000).u32(0x07800000))  // width -5.5
+                      .child(Box("mdia").child(Box::full("mdhd", 1, 0).u64(1).u64(2).u32(48000).u64(96000))))
            .child(Box("udta").child(Box("\xA9xyz").u16(5).u16(0x15C7).str("+1+2/"))
                       .child(Box("\xA9xyz").u16(0).u16(1).str(std::string(588, 'x')))
                       .child(Box("loci").zeros(8).fixed(1.0).fixed(2.0)).child(Box("loci").zeros(8).fixed(1.5).fixed(-2.5).fixed(3.0)))
@@ -40,17 +37,13 @@ TEST(TypedBoxes, EveryBoxPrintsOneIndentedDumpLineAndKeepsItsFields) {
        Box("uuid").bytes({0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD}).str("<x/>").build(),
        Box("mdat").zeros(3).build(), Box("meta").u32(0).child(Box("hdlr").zeros(20)).build(),
        // Both claim 16 MiB and more; two name bytes are in the file.
-       Box("meta").rawSize(0x7FFFFFFF).u32(0).child(Box("hdlr").rawSize(1 << 24).zeros(8).str("mdir").zeros(12).str("ab")).build()});
-  auto movie = attachBytes(dir, file);
+       Box("meta").rawSize(0x7FFFFFFF).u32(0).child(Box("hdlr").rawSize(1 << 24).zeros(8).str("mdir").zeros(12).str("ab")).build()}));
   ConsoleCapture capture;
   movie->dump();
   EXPECT_EQ(capture.text(),
-            "MP4: == 'root': start=0 bytes=1631 ==\n"
-            "MP4: <'ftyp': start=0 bytes=12 >\n"
-            "MP4: <'moov': start=12 bytes=1447 children=5 >\n"
-            "MP4:     <'mvhd': start=20 bytes=108 timeStamp=3 >\n"
-            "MP4:     <'mvhd': start=128 bytes=40 timeStamp=4886718345 >\n"
-            "MP4:     <'trak': start=168 bytes=454 children=2 >\n"
+            "MP4: == 'root': start=0 bytes=1631 ==\nMP4: <'ftyp': start=0 bytes=12 >\n"
+            "MP4: <'moov': start=12 bytes=1447 children=5 >\nMP4:     <'mvhd': start=20 bytes=108 timeStamp=3 >\n"
+            "MP4:     <'mvhd': start=128 bytes=40 timeStamp=4886718345 >\nMP4:     <'trak': start=168 bytes=454 children=2 >\n"
             "MP4:         <'tkhd': start=176 bytes=92 timeStamp=0 width=1920 height=960 >\n"
             "MP4:         <'mdia': start=268 bytes=354 children=2 >\n"
             "MP4:             <'mdhd': start=276 bytes=32 timeStamp=0 duration=60000.000000 time_scale=30000.000000 >\n"
@@ -67,29 +60,23 @@ TEST(TypedBoxes, EveryBoxPrintsOneIndentedDumpLineAndKeepsItsFields) {
             "MP4:                     <'stsc': start=522 bytes=28 entryCount=-1 >\n"
             "MP4:                     <'stsz': start=550 bytes=32 sampleSize=0 sample_count=3 sample_total=8589934592 >\n"
             "MP4:                     <'stsz': start=582 bytes=20 sampleSize=4 sample_count=-2147483648 sample_total=0 >\n"
-            "MP4:                     <'stco': start=602 bytes=20 indexes=1 >\n"
-            "MP4:     <'trak': start=622 bytes=160 children=2 >\n"
+            "MP4:                     <'stco': start=602 bytes=20 indexes=1 >\nMP4:     <'trak': start=622 bytes=160 children=2 >\n"
             "MP4:         <'tkhd': start=630 bytes=104 timeStamp=5 width=4294967291 height=1920 >\n"
             "MP4:         <'mdia': start=734 bytes=48 children=1 >\n"
             "MP4:             <'mdhd': start=742 bytes=40 timeStamp=2 duration=96000.000000 time_scale=48000.000000 >\n"
-            "MP4:     <'udta': start=782 bytes=677 children=4 >\n"
-            "MP4:         <'\xC2\xA9xyz': start=790 bytes=17 xyz=+1+2/ 15c7 >\n"
+            "MP4:     <'udta': start=782 bytes=677 children=4 >\nMP4:         <'\xC2\xA9xyz': start=790 bytes=17 xyz=+1+2/ 15c7 >\n"
             "MP4:         <'\xC2\xA9xyz': start=807 bytes=600 xyz=" + std::string(512, 'x') + " 0001 >\n"
             "MP4:         <'loci': start=1407 bytes=24 loci=1.000000 2.000000 0.000000 >\n"
             "MP4:         <'loci': start=1431 bytes=28 loci=1.500000 -2.500000 3.000000 >\n"
-            "MP4: <'meta': start=1459 bytes=47 children=1 >\n"
-            "MP4:     <'hdlr': start=1471 bytes=35 handler=mdir name=ab(3) >\n"
-            "MP4: <'uuid': start=1506 bytes=28 uuid=FFCC8263-F855-4A93-8814-587A02521FDD >\n"
-            "MP4: <'mdat': start=1534 bytes=11 >\n"
-            "MP4: <'meta': start=1545 bytes=40 children=1 >\n"
-            "MP4:     <'hdlr': start=1557 bytes=28 handler= name=(-4) >\n"
+            "MP4: <'meta': start=1459 bytes=47 children=1 >\nMP4:     <'hdlr': start=1471 bytes=35 handler=mdir name=ab(3) >\n"
+            "MP4: <'uuid': start=1506 bytes=28 uuid=FFCC8263-F855-4A93-8814-587A02521FDD >\nMP4: <'mdat': start=1534 bytes=11 >\n"
+            "MP4: <'meta': start=1545 bytes=40 children=1 >\nMP4:     <'hdlr': start=1557 bytes=28 handler= name=(-4) >\n"
             "MP4: <'meta': start=1585 bytes=2147483647 children=1 >\n"
             "MP4:     <'hdlr': start=1597 bytes=16777216 handler=mdir name=ab(16777184) >\n");
-  const auto* v0 = static_cast<MP4::MVHD*>(findAll(*movie, "moov.mvhd")[0]);
-  const auto* v1 = static_cast<MP4::MVHD*>(findAll(*movie, "moov.mvhd")[1]);
+  const auto mvhds = findAll(*movie, "moov.mvhd");
   const auto* stts = findTyped<MP4::STTS>(*movie, (std::string(kStbl) + "stts").c_str());
   const auto* stsc = findTyped<MP4::STSC>(*movie, (std::string(kStbl) + "stsc").c_str());
-  EXPECT_EQ(std::make_tuple(v0->duration, v1->duration, stts->entries.size(), stts->entry(0).sample_delta, stts->entry(2).sample_count,
+  EXPECT_EQ(std::make_tuple(static_cast<MP4::MVHD*>(mvhds[0])->duration, static_cast<MP4::MVHD*>(mvhds[1])->duration, stts->entries.size(), stts->entry(0).sample_delta, stts->entry(2).sample_count,
                             stsc->entries.size(), stsc->entry(0).samples_per_chunk, findTyped<MP4::LOCI>(*movie, "moov.udta.loci")->hasAltitude),
             std::make_tuple(2.5f, static_cast<float>(0x9000000000000000ULL) / 1000.0f, size_t{1}, 1001u, 0u, size_t{1}, 2u, false));
   EXPECT_EQ(static_cast<MP4::AVCC*>(findAll(*movie, (std::string(kStbl) + "stsd.avc1.avcC").c_str())[1])->payload, ByteArray("\x09", 1));
@@ -117,20 +104,19 @@ TEST(TypedBoxes, BoxesOverThePayloadLimitAreNotRead) {
     read.push_back(ok == !out.empty() ? out.size() : 1);
   }
   EXPECT_EQ(read, (std::vector<size_t>{0, MP4::kPayloadLimit - 8}));
-  EXPECT_TRUE(findTyped<MP4::UUID>(movie, "uuid")->payload.empty() && MP4::refusedAsOversized(*findFirst(movie, "uuid")));
-  EXPECT_TRUE(findTyped<MP4::HDLR>(movie, "meta.hdlr")->name.empty());
-  EXPECT_TRUE(findTyped<MP4::AVCC>(movie, (std::string(kStbl) + "stsd.avc1.avcC").c_str())->payload.empty());
+  EXPECT_TRUE(findTyped<MP4::UUID>(movie, "uuid")->payload.empty() && MP4::refusedAsOversized(*findFirst(movie, "uuid")) &&
+              findTyped<MP4::HDLR>(movie, "meta.hdlr")->name.empty() &&
+              findTyped<MP4::AVCC>(movie, (std::string(kStbl) + "stsd.avc1.avcC").c_str())->payload.empty());
   EXPECT_EQ(console.text(), "moov.udta.@mod: 2147483648 bytes, over the 16 MiB limit, not read.\n"
                             "uuid: 2147483648 bytes, over the 16 MiB limit, not read.\n");
 }
 
 TEST(TypedBoxes, UuidPayloadsInPiecesAndTheCreationTimeWrites) {
   TempDir dir;
-  const std::string xml(1300, 'x');
   auto movie = attachBytes(dir, concat({Box("moov").child(mvhd(1, 1)).child(Box("trak").child(tkhd(1, 1))
                                                 .child(Box("mdia").child(Box::full("mdhd", 1, 0).zeros(32)))).build(),
-                                        Box("uuid").zeros(15).u8(1).str(xml).build(), Box("uuid").zeros(16).str("abc").rawSize(1 << 20).build()}));
-  EXPECT_EQ(findTyped<MP4::UUID>(*movie, "uuid")->payloadText() + static_cast<MP4::UUID*>(findAll(*movie, "uuid")[1])->payloadText(), xml + "abc");
+                                        Box("uuid").zeros(15).u8(1).str(std::string(1300, 'x')).build(), Box("uuid").zeros(16).str("abc").rawSize(1 << 20).build()}));
+  EXPECT_EQ(findTyped<MP4::UUID>(*movie, "uuid")->payloadText() + static_cast<MP4::UUID*>(findAll(*movie, "uuid")[1])->payloadText(), std::string(1300, 'x') + "abc");
   movie->open_a([&](GLTK::FileIO& file) {
     MP4::BinFile f(file);
     f.seek_set(5);
@@ -138,8 +124,8 @@ TEST(TypedBoxes, UuidPayloadsInPiecesAndTheCreationTimeWrites) {
                 findTyped<MP4::MDHD>(*movie, "moov.trak.mdia.mdhd")->setTimeStamp(f, 0x0102030405060708ULL) && f.tell() == 5);
   });
   const Bytes after = readFile(dir.file("movie.mp4"));
-  auto hex = [&](size_t at, size_t n) { return toHex(Bytes(after.begin() + at, after.begin() + at + n)); };
-  EXPECT_EQ(hex(20, 4) + " / " + hex(136, 4) + " / " + hex(236, 8), "AA BB CC DD / 11 22 33 44 / 01 02 03 04 05 06 07 08");
+  EXPECT_EQ(toHex({after.begin() + 20, after.begin() + 24}) + " / " + toHex({after.begin() + 136, after.begin() + 140}) + " / " +
+            toHex({after.begin() + 236, after.begin() + 244}), "AA BB CC DD / 11 22 33 44 / 01 02 03 04 05 06 07 08");
 }
 
 }  // namespace
