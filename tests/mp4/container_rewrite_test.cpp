@@ -7,7 +7,9 @@
 #include <csignal>
 #include <filesystem>
 
+#include "mp4/avcc.h"
 #include "mp4/boxes.h"
+#include "tests/h264/fixtures.h"
 #include "tests/support/movie.h"
 #include "tests/support/mp4_builder.h"
 
@@ -82,24 +84,67 @@ TEST(ContainerRewrite, AFailedRebuildOrEditLeavesTheSourceAndNoTemporaryFile) {
                                 fault("movie.mp4") + edit + "open(" + source + ", 'a') failed.\n" + edit + "open(" + source + ", 'r') failed.\n");
 }
 
-TEST(ContainerRewrite, SizeAndChunkOffsetFixUps) {
+TEST(ContainerRewrite, SizeChunkOffsetAndCreationTimeWritesAndBoxCopies) {
   TempDir dir;
   auto track = [](const Box& table) { return Box("trak").child(Box("mdia").child(Box("minf").child(Box("stbl").child(table)))); };
   // moov in the large form; stco wraps at 32 bits, co64 carries; a count past the table writes nothing more.
   const Bytes before = concat({Box("ftyp").build(), Box("moov").largeSize().child(track(Box::full("stco", 0, 0).u32(2).u32(100).u32(0xFFFFFFF0)))
                                    .child(track(Box::full("co64", 0, 0).u32(1).u64(0xFFFFFFF0ULL)))
-                                   .child(track(Box::full("stco", 0, 0).u32(1000000).u32(7))).build(), Box("mdat").build()});
+                                   .child(track(Box::full("stco", 0, 0).u32(1000000).u32(7))).child(mvhd(1, 1))
+                                   .child(Box("trak").child(tkhd(1, 1)).child(Box("mdia").child(Box::full("mdhd", 1, 0).zeros(32)))).build(),
+                               Box("mdat").zeros(1100).build()});
   auto movie = attachBytes(dir, before);
+  const MP4::UUID uuid("<xml/>");
   movie->open_a([&](GLTK::FileIO& file) {
     BinFile f(file);
     EXPECT_TRUE(movie->modifyBoxSize(f, *findAll(*movie, "moov.trak.mdia")[1], 5) && movie->modifySTCOIndex(f, 0x20));
     EXPECT_FALSE(movie->modifySpatialTrakSTCOIndex(f, 1));
+    EXPECT_TRUE(findTyped<MP4::MVHD>(*movie, "moov.mvhd")->setTimeStamp(f, 0xAABBCCDD) && findAll(*movie, "moov.trak.tkhd").size() == 1 &&
+                findTyped<MP4::TKHD>(*movie, "moov.trak.tkhd")->setTimeStamp(f, 0x11223344) &&
+                findTyped<MP4::MDHD>(*movie, "moov.trak.mdia.mdhd")->setTimeStamp(f, 0x0102030405060708ULL) && f.seek_set(f.length()) && uuid.write(f));
+    GLTK::FileIO::open_w(dir.wfile("copy"), [&](GLTK::FileIO& copy) { EXPECT_TRUE(movie->mdat->copyTo(file, copy)); });
   });
-  Bytes expected = before;
-  // Sizes of moov (64-bit), trak and mdia; the two stco entries, the co64 entry, the one real entry of the last stco.
-  for (const auto& [at, hex] : {std::pair{20, "000000B9"}, {80, "0000003D"}, {88, "00000035"}, {72, "0000008400000010"},
-                                {128, "0000000100000010"}, {184, "00000027"}}) std::ranges::copy(fromHex(hex), expected.begin() + at);
+  ByteArray box;
+  uuid.to_byteArray(box);
+  const Bytes uuidBox = fromHex("0000001E 75756964" + std::string(32, '0') + "3C786D6C2F3E");
+  EXPECT_EQ(Bytes(box.data(), box.data() + box.size()), uuidBox);
+  Bytes expected = concat({before, uuidBox});
+  // Sizes of moov (64-bit), trak and mdia; the two stco entries, the co64 entry, the one real entry of the last stco;
+  // the creation times of mvhd, tkhd and mdhd (version 1).
+  for (const auto& [at, hex] : {std::pair{20, "000001BD"}, {80, "0000003D"}, {88, "00000035"}, {72, "0000008400000010"}, {128, "0000000100000010"},
+                                {184, "00000027"}, {200, "AABBCCDD"}, {316, "11223344"}, {416, "0102030405060708"}}) std::ranges::copy(fromHex(hex), expected.begin() + at);
   EXPECT_EQ(toHex(readFile(dir.file("movie.mp4"))), toHex(expected));
+  EXPECT_EQ(readFile(dir.file("copy")), Bytes(before.end() - 1108, before.end()));
+}
+
+TEST(ContainerRewrite, Set1AppendsAMovieBoxOnlyWhenTheTopLevelBoxesTileTheFile) {
+  const ByteArray sps = fromBits(sps::baseline());  // constraint_set1_flag 0 and no VUI: the record grows
+  const Box avcC = Box("avcC").bytes({1, 66, 0, 30, 0xFF, 0xE1, 0, static_cast<uint8_t>(sps.size())})
+                       .bytes(Bytes(sps.data(), sps.data() + sps.size())).bytes({1, 0, 2, 0x68, 0xCE});
+  auto moov = [&](const char* extra) {
+    return Box("moov").child(videoTrak(64, 32, Box::full("stsd", 0, 0).u32(1).child(avc1(64, 32).child(avcC)))).child(Box(extra)).build();
+  };
+  const Bytes ftyp = Box("ftyp").str("isom").build(), mdat = Box("mdat").str("DATA").build(), movie = moov("skip");
+  for (const auto& [file, appends] : std::initializer_list<std::pair<Bytes, bool>>{
+           {concat({ftyp, mdat, movie}), true}, {concat({ftyp, movie, mdat}), true},
+           {concat({ftyp, Box("mdat").largeSize().str("DATA").build(), movie}), true},
+           {concat({ftyp, mdat, movie, Bytes{0}}), false},  // bytes after the last box
+           {concat({ftyp, mdat, movie, Box("free").rawSize(0).zeros(4).build()}), false},  // a last box running to the end
+           {concat({ftyp, mdat, movie, Box("free").rawSize(1 << 20).build()}), false},  // one claiming more than the file
+           {concat({ftyp, mdat, movie, movie}), false}, {concat({ftyp, mdat, movie, Box("moof").build()}), false},
+           {concat({ftyp, mdat, moov("mvex")}), false}}) {
+    TempDir dir;
+    auto container = attachBytes(dir, file);
+    const uint64_t at = container->moov->start;
+    ASSERT_TRUE(container->appendFullRangeAndConstrainedSet1Flag(false));
+    // Appended: the old movie box is free space and the new one follows the file's old end.
+    const Bytes after = readFile(dir.file("movie.mp4"));
+    EXPECT_EQ(std::string(after.begin() + at + 4, after.begin() + at + 8) + std::to_string(container->moov->start),
+              (appends ? "free" + std::to_string(file.size()) : "moov" + std::to_string(at))) << toHex(file);
+    unsigned char profile = 0;
+    bool set1 = false, fullRange = true;
+    EXPECT_TRUE(findTyped<MP4::AVCC>(*container, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC")->get_profile_idc_and_constrained_set1_flag(profile, set1, fullRange) && set1 && !fullRange);
+  }
 }
 
 }  // namespace

@@ -111,21 +111,4 @@ TEST(TypedBoxes, BoxesOverThePayloadLimitAreNotRead) {
                             "uuid: 2147483648 bytes, over the 16 MiB limit, not read.\n");
 }
 
-TEST(TypedBoxes, UuidPayloadsInPiecesAndTheCreationTimeWrites) {
-  TempDir dir;
-  auto movie = attachBytes(dir, concat({Box("moov").child(mvhd(1, 1)).child(Box("trak").child(tkhd(1, 1))
-                                                .child(Box("mdia").child(Box::full("mdhd", 1, 0).zeros(32)))).build(),
-                                        Box("uuid").zeros(15).u8(1).str(std::string(1300, 'x')).build(), Box("uuid").zeros(16).str("abc").rawSize(1 << 20).build()}));
-  EXPECT_EQ(findTyped<MP4::UUID>(*movie, "uuid")->payloadText() + static_cast<MP4::UUID*>(findAll(*movie, "uuid")[1])->payloadText(), std::string(1300, 'x') + "abc");
-  movie->open_a([&](GLTK::FileIO& file) {
-    MP4::BinFile f(file);
-    f.seek_set(5);
-    EXPECT_TRUE(findTyped<MP4::MVHD>(*movie, "moov.mvhd")->setTimeStamp(f, 0xAABBCCDD) && findTyped<MP4::TKHD>(*movie, "moov.trak.tkhd")->setTimeStamp(f, 0x11223344) &&
-                findTyped<MP4::MDHD>(*movie, "moov.trak.mdia.mdhd")->setTimeStamp(f, 0x0102030405060708ULL) && f.tell() == 5);
-  });
-  const Bytes after = readFile(dir.file("movie.mp4"));
-  EXPECT_EQ(toHex({after.begin() + 20, after.begin() + 24}) + " / " + toHex({after.begin() + 136, after.begin() + 140}) + " / " +
-            toHex({after.begin() + 236, after.begin() + 244}), "AA BB CC DD / 11 22 33 44 / 01 02 03 04 05 06 07 08");
-}
-
 }  // namespace
