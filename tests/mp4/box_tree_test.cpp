@@ -23,18 +23,10 @@ std::string tree(const MP4::NestedBox& box) {
 
 TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
   const Bytes spatial(MP4::UUID::kSpatialAudio.begin(), MP4::UUID::kSpatialAudio.end());
-  const struct {
-    const char* name;
-    Bytes file;
-    uint64_t limit;
-    std::string tree;
-  } rows[] = {
+  const struct { const char* name; Bytes file; uint64_t limit; std::string tree; } rows[] = {
       {"plain, large and to-the-end forms", concat({Box("ftyp").str("isom").u32(0).build(),
        Box("free").largeSize().zeros(4).build(), Box("mdat").rawSize(0).zeros(100).build()}), ~0ULL,
        "144: ftyp@0+16 free@16+20 mdat@36+108"},
-      {"a size below the header still advances", concat({Box("abcd").rawSize(4).build(), Box("free").build()}), ~0ULL, "16: abcd@0+4 @4+1633837924"},
-      {"a large size of zero ends the walk",
-       concat({Box("free").build(), Box("wide").largeSize(0).build(), Box("free").build()}), ~0ULL, "32: free@0+8 wide@8+0"},
       {"an empty file", {}, ~0ULL, "0: "},
       {"a child past its parent ends the parent's walk", concat({Box("moov").child(Box("udta").child(
        Box("aaaa").rawSize(100)).child(Box("bbbb")).rawSize(16)).build(), Box("free").build()}), ~0ULL,
@@ -53,15 +45,11 @@ TEST(BoxTree, HeaderFormsAndDamagedSizesGiveThisTree) {
   }
 }
 
-TEST(BoxTree, ParentChainsTheChoiceOfMovieMediaAndVideoTrackAndThePathSearch) {
+TEST(BoxTree, TopLevelParentsTheChoiceOfMovieMediaAndVideoTrackAndThePathSearch) {
   TempDir dir;
-  auto movie = attachBytes(dir, concat({Box("mdat").build(), Box("ftyp").build(), Box("moov").child(videoTrak(1920, 960,
-                                            Box::full("stsd", 0, 0).u32(1).child(avc1(1920, 960).child(Box("avcC")))))
+  auto movie = attachBytes(dir, concat({Box("mdat").build(), Box("ftyp").build(), Box("moov").child(videoTrak(1920, 960, Box("stsd")))
                                             .child(videoTrak(640, 320, Box("stsd"))).child(videoTrak(0, 0, Box("stsd"))).build(),
                                         Box("mdat").build(), Box("moov").child(videoTrak(8, 8, Box("stsd"))).build(), Box("meta").build()}));
-  std::string chain;
-  for (BOX* box = findFirst(*movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC"); box; box = box->parent) chain += std::string(box->type.begin(), box->type.end());
-  EXPECT_EQ(chain, "avcCavc1stsdstblminfmdiatrakmoov");
   const auto& top = movie->root->children;
   EXPECT_EQ(std::vector<BOX*>({top[0]->parent, top[1]->parent, top[5]->parent, movie->mdat, movie->moov, movie->videoTrak}),
             std::vector<BOX*>({movie->root, movie->root, nullptr, top[0], top[2], findAll(*movie, "moov.trak")[1]}));
