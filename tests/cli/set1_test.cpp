@@ -15,14 +15,16 @@ namespace {
 using namespace sondex::test;
 namespace fs = std::filesystem;
 
-const std::string kDone = "Container::appendFullRangeAndConstrainedSet1Flag: 0 - 0, constrained_set1_flag:  0 - 1\n"
-                          "set constrained_set1_flag to 1.\n";
+const std::string kDone =
+    "Container::appendFullRangeAndConstrainedSet1Flag: 0 - 0, constrained_set1_flag:  0 - 1\n"
+    "set constrained_set1_flag to 1.\n";
 
 // The movie with constraint_set1_flag cleared in its avcC's SPS.
 Bytes clearSet1(Bytes movie) {
   TempDir dir;
   auto parsed = attachBytes(dir, movie);
-  movie[findFirst(*parsed, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC")->start + 18] &= 0xBF;  // after box, record and NAL headers
+  movie[findFirst(*parsed, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC")->start + 18] &=
+      0xBF;  // after box, record and NAL headers
   return movie;
 }
 
@@ -43,12 +45,16 @@ TEST(Set1, EachLayoutGetsItsRewriteAndDecodesAsBefore) {
   const struct {
     std::string options, tail;
     int growth;  // 0: in place (the new SPS fits), 1: the movie box appended, 2: rebuilt larger
-  } rows[] = {{"", "", 0}, {small, "", 1}, {small + first, "", 1}, {small, "tail", 2}, {small + first, "tail", 2},
+  } rows[] = {{"", "", 0},
+              {small, "", 1},
+              {small + first, "", 1},
+              {small, "tail", 2},
+              {small + first, "tail", 2},
               {small + "-movflags frag_keyframe+empty_moov", "", 2}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.options + row.tail);
-    Bytes movie = ffmpegMovie("-c:v libx264 -profile:v baseline -pix_fmt yuv420p -enc_time_base 65537/1638401 " +
-                              row.options);
+    Bytes movie =
+        ffmpegMovie("-c:v libx264 -profile:v baseline -pix_fmt yuv420p -enc_time_base 65537/1638401 " + row.options);
     if (row.growth == 1) movie = injectCameraBoxes(movie, turningCameraBoxes("Stitch"));
     movie = concat({clearSet1(movie), Bytes(row.tail.begin(), row.tail.end())});
     const std::string before = dir.write("before.mp4", movie), path = dir.write("movie.mp4", movie);
@@ -68,7 +74,8 @@ TEST(Set1, EachLayoutGetsItsRewriteAndDecodesAsBefore) {
     // Append and retire: the old movie box became a free box; the new one keeps the user data whole.
     EXPECT_EQ(std::string(after.begin() + old->moov->start + 4, after.begin() + old->moov->start + 8), "free");
     const MP4::BOX *oldUdta = findFirst(*old, "moov.udta"), *newUdta = findFirst(*now, "moov.udta");
-    EXPECT_TRUE(std::equal(movie.begin() + oldUdta->start, movie.begin() + oldUdta->end(), after.begin() + newUdta->start));
+    EXPECT_TRUE(
+        std::equal(movie.begin() + oldUdta->start, movie.begin() + oldUdta->end(), after.begin() + newUdta->start));
     // A crash between the two steps leaves both movie boxes: the first, the old one, is read.
     std::memcpy(after.data() + old->moov->start + 4, "moov", 4);
     const std::string report = runSondex({dir.write("crashed.mp4", after)}).out;
@@ -86,19 +93,26 @@ TEST(Set1, AFailedRewriteLeavesEverythingAsItWas) {
   run(SONDEX_BINARY " -set1 '" + path + "'");
   const uint64_t appended = readFile(path).size() - sample.size();
   const std::string append = "Container::modifyContainer::appendFullRangeAndConstrainedSet1Flag_AppendMovie(" + path +
-                             ") failed.\n", rebuild = "Container::modifyContainer::appendFullRangeAndConstrainedSet1"
-                             "Flag_NoSpaces(" + path + " to " + temporary + ") failed.\n", taken = "open(" + temporary +
-                             ", 'x') failed.\n" + rebuild;
+                             ") failed.\n",
+                    rebuild =
+                        "Container::modifyContainer::appendFullRangeAndConstrainedSet1"
+                        "Flag_NoSpaces(" +
+                        path + " to " + temporary + ") failed.\n",
+                    taken = "open(" + temporary + ", 'x') failed.\n" + rebuild;
   const struct {
     std::string standing, tail;  // what stands under the temporary name; bytes after the last box
     uint64_t limit;              // on the file size
     std::string message;
   } rows[] = {
       // The limit stops the append before its first byte, after one, half way and one byte short.
-      {"", "", sample.size(), append}, {"", "", sample.size() + 1, append},
-      {"", "", sample.size() + appended / 2, append}, {"", "", sample.size() + appended - 1, append},
+      {"", "", sample.size(), append},
+      {"", "", sample.size() + 1, append},
+      {"", "", sample.size() + appended / 2, append},
+      {"", "", sample.size() + appended - 1, append},
       {"", "tail", 2048, rebuild},  // bytes after the last box rule out the append
-      {"file", "tail", 0, taken}, {"link", "tail", 0, taken}, {"dangling link", "tail", 0, taken},
+      {"file", "tail", 0, taken},
+      {"link", "tail", 0, taken},
+      {"dangling link", "tail", 0, taken},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.message + row.standing);

@@ -15,10 +15,17 @@ namespace {
 
 using namespace sondex::test;
 
-std::string failure(const std::function<void()>& f) try { return f(), ""; } catch (const char* m) { return m; }
+std::string failure(const std::function<void()>& f) try { return f(), ""; } catch (const char* m) {
+  return m;
+}
 
 enum How { kJpeg, kNote, kDng, kDumpJpeg, kDumpNote, kDumpDng };  // attached as JPEG head, KMKN box, raw still
-struct Block { std::string name; How how; Bytes bytes; uint64_t size = 0; };  // size: a raw still's, if not bytes'
+struct Block {
+  std::string name;
+  How how;
+  Bytes bytes;
+  uint64_t size = 0;
+};  // size: a raw still's, if not bytes'
 
 // What -dump prints (or only the record), the record's extras, the raw still's strip and tables, the source's reads
 // and the seeks once more.
@@ -45,8 +52,8 @@ std::string walk(const Block& b) {
   out << "== " << b.name << console.text() << "-> " << message << " | " << r.model.size() << " " << r.stabilizeFlag1
       << r.stabilizeFlag2 << r.stabilizeEnabled << " | strip " << p.stripOffset << "+" << p.stripByteCount << " tables "
       << p.affineTable1Offset << "+" << p.affineTable1Length << " " << p.affineTable2Offset << "+"
-      << p.affineTable2Length << " | asked " << asked << " of " << p.bufferSize << " | seeks again: "
-      << failure([&] { p.seekToIFD0(); }) << "; " << failure([&] { p.seekToEXIF(); }) << "; "
+      << p.affineTable2Length << " | asked " << asked << " of " << p.bufferSize
+      << " | seeks again: " << failure([&] { p.seekToIFD0(); }) << "; " << failure([&] { p.seekToEXIF(); }) << "; "
       << failure([&] { p.seekToMakerNote(); }) << "; " << failure([&] { p.seekToSubIFD(1); }) << "\n";
   return out.str();
 }
@@ -93,12 +100,18 @@ Bytes afterMarkers(size_t n) {  // the Exif APP1 after n - 2 APP0s, a fill word 
 TEST(ExifWalker, WalksEveryBlockAsInTheGoldenFile) {
   const Bytes table(8, 0), raw = dng(cameraDngIfd0(previewIfd({0xFF, 0xD9}))), cut(raw.begin(), raw.begin() + 500);
   const std::vector<Block> blocks = {
-      {"camera JPEG", kDumpJpeg, jpeg(cameraIfd0())}, {"Exif as the 32nd marker", kJpeg, afterMarkers(31)},
-      {"little-endian: no SHORTs", kDumpJpeg, jpeg(cameraIfd0(), false)}, {"as the 33rd", kDumpJpeg, afterMarkers(32)},
+      {"camera JPEG", kDumpJpeg, jpeg(cameraIfd0())},
+      {"Exif as the 32nd marker", kJpeg, afterMarkers(31)},
+      {"little-endian: no SHORTs", kDumpJpeg, jpeg(cameraIfd0(), false)},
+      {"as the 33rd", kDumpJpeg, afterMarkers(32)},
       {"IFD0 at 0x20: the first walk stops after the header", kDumpJpeg, patched(jpeg(cameraIfd0()), 19, 0x20)},
-      {"empty", kJpeg, {}}, {"no SOI", kJpeg, fromHex("FFD9 FFD8")}, {"second SOI", kJpeg, fromHex("FFD8 FFD8")},
-      {"EOI", kJpeg, fromHex("FFD8 FFD9")}, {"SOS", kJpeg, fromHex("FFD8 FFDA 0002")},
-      {"no marker", kJpeg, fromHex("FFD8 1234")}, {"TIFF-ID 43", kJpeg, patched(jpeg(Ifd()), 15, 43)},
+      {"empty", kJpeg, {}},
+      {"no SOI", kJpeg, fromHex("FFD9 FFD8")},
+      {"second SOI", kJpeg, fromHex("FFD8 FFD8")},
+      {"EOI", kJpeg, fromHex("FFD8 FFD9")},
+      {"SOS", kJpeg, fromHex("FFD8 FFDA 0002")},
+      {"no marker", kJpeg, fromHex("FFD8 1234")},
+      {"TIFF-ID 43", kJpeg, patched(jpeg(Ifd()), 15, 43)},
       {"no Exif IFD", kJpeg, jpeg(Ifd().ascii(0x0110, "MODEL"))},
       {"no maker note", kJpeg, jpeg(Ifd().sub(0x8769, Ifd().shorts(0xA001, {1})))},
       {"other maker", kJpeg, jpeg(Ifd().sub(0x8769, Ifd().makerNote(0x927C, Ifd(), std::string("Korvo\0\0\0", 8))))},
@@ -111,10 +124,13 @@ TEST(ExifWalker, WalksEveryBlockAsInTheGoldenFile) {
       {"software past the end", kJpeg, jpeg(Ifd().raw(0x0131, kAscii, 5, 0xFFFFFFFF))},
       {"bare maker note", kDumpNote, TiffBuilder().buildMakerNote(cameraMakerNote())},
       {"TIFF block", kDumpNote, TiffBuilder(kLittleEndian).build(cameraIfd0())},
-      {"TIFF block's ID 43", kNote, fromHex("4D4D 002B")}, {"signature 7 bytes", kNote, fromHex("4B6F 7276 7500 00")},
+      {"TIFF block's ID 43", kNote, fromHex("4D4D 002B")},
+      {"signature 7 bytes", kNote, fromHex("4B6F 7276 7500 00")},
       {"entry count past the end", kNote, fromHex("4B6F 7276 7500 0000 FFFF 0001 0003")},
-      {"pitch 45", kNote, attitude(30, 45, 10)}, {"pitch -45", kNote, attitude(30, -45, 10)},
-      {"pitch 90", kNote, attitude(30, 90, 10)}, {"pitch -90", kNote, attitude(30, -90, 10)},
+      {"pitch 45", kNote, attitude(30, 45, 10)},
+      {"pitch -45", kNote, attitude(30, -45, 10)},
+      {"pitch 90", kNote, attitude(30, 90, 10)},
+      {"pitch -90", kNote, attitude(30, -90, 10)},
       {"pitch 60, yaw 540", kNote, attitude(0, 60, 540)},
       {"compass beyond 2^31", kNote, note(Ifd().rationals(0x0004, {4000000000u, 2}))},
       {"zenith as RATIONAL[2]", kNote, note(Ifd().rationals(0x0003, {1, 1, 2, 1}))},
@@ -128,9 +144,12 @@ TEST(ExifWalker, WalksEveryBlockAsInTheGoldenFile) {
       {"movie fisheye centre as SHORT[3]", kNote, note(Ifd().shorts(0x0205, {1, 2, 3}))},
       {"sampling rate as SHORT", kNote, note(Ifd().shorts(0x0206, {30}))},
       {"projection as ASCII: the upper half taken", kNote, note(Ifd().raw(0x0001, kAscii, 9, 0x00020000))},
-      {"camera raw still", kDumpDng, raw}, {"claiming 1 TiB: one window read", kDng, raw, uint64_t{1} << 40},
-      {"cut short", kDng, cut, raw.size()}, {"SubIFDs count 1", kDng, subIFDs(Ifd().raw(0x014A, kLong, 1, 0))},
-      {"no SubIFDs", kDng, subIFDs(Ifd())}, {"SubIFDs of zeros", kDng, subIFDs(Ifd().longs(0x014A, {0, 0}))},
+      {"camera raw still", kDumpDng, raw},
+      {"claiming 1 TiB: one window read", kDng, raw, uint64_t{1} << 40},
+      {"cut short", kDng, cut, raw.size()},
+      {"SubIFDs count 1", kDng, subIFDs(Ifd().raw(0x014A, kLong, 1, 0))},
+      {"no SubIFDs", kDng, subIFDs(Ifd())},
+      {"SubIFDs of zeros", kDng, subIFDs(Ifd().longs(0x014A, {0, 0}))},
       {"strip offset as SHORT", kDng, dng(cameraDngIfd0(Ifd().shorts(0x0111, {100}).longs(0x0117, {2})))},
       {"strip size as LONG[2]", kDng, dng(cameraDngIfd0(Ifd().longs(0x0111, {100}).longs(0x0117, {2, 3})))},
       {"no strip size", kDng, dng(cameraDngIfd0(Ifd().longs(0x0111, {100})))},

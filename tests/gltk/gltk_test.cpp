@@ -46,20 +46,25 @@ TEST(FileIO, FailuresPrintOneLineEachAndWritesKeepThePosition) {
   const std::string none = dir.file("none");
   EXPECT_EQ(capture.text(), "open(" + none + ", 'r') failed.\nopen(" + none + ", 'a') failed.\nopen(" + none +
                                 ", 'r') failed.\nseek_set(-9223372036854775808) failed - Invalid argument(22)\n"
-                                "seek_cur(-10) failed - Invalid argument(22)\nprocessing " + dir.file("\xE6\x97\xA5") + " ...\n");
+                                "seek_cur(-10) failed - Invalid argument(22)\nprocessing " +
+                                dir.file("\xE6\x97\xA5") + " ...\n");
 }
 
 TEST(Wchar, ConvertsUtf8UpTo2048CharactersAndStopsAtAZeroOrAnInvalidSequence) {
   using namespace GLTK::wchar;
   EXPECT_EQ(mbs2wcs("caf\xC3\xA9 \xE6\x97\xA5"), L"caf\u00e9 \u65e5");
-  for (const std::string& cut : {std::string("ab\0cd", 5), std::string("ab\xFF" "cd"), std::string("ab\xC3")}) {
+  for (const std::string& cut : {std::string("ab\0cd", 5),
+                                 std::string("ab\xFF"
+                                             "cd"),
+                                 std::string("ab\xC3")}) {
     EXPECT_EQ(mbs2wcs(cut), L"ab");
   }
   EXPECT_EQ(std::tuple(mbs2wcs(std::string(2048, 'a')).size(), mbs2wcs(std::string(3000, 'a')).size()),
             std::tuple(2048u, 2048u));
   const std::string one = wcs2mbs(L"\u00e9");  // six bytes per character are reserved
   EXPECT_EQ(std::tuple(one.size(), std::string(one.c_str()), wcs2mbs(L"").size()), std::tuple(6u, "\xC3\xA9", 0u));
-  EXPECT_EQ(std::tuple(wcs2mbs(std::wstring(400, L'x')).size(), std::string(wcs2mbs(std::wstring(3000, L'x')).c_str()).size()),
+  EXPECT_EQ(std::tuple(wcs2mbs(std::wstring(400, L'x')).size(),
+                       std::string(wcs2mbs(std::wstring(3000, L'x')).c_str()).size()),
             std::tuple(2048u, 2048u));
 }
 

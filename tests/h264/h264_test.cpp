@@ -16,20 +16,25 @@ namespace {
 
 using namespace sondex::test;
 
-std::string thrown(const std::function<void()>& f) try { return f(), ""; } catch (const char* m) { return m; }
-catch (const std::out_of_range&) { return "out of range"; }
+std::string thrown(const std::function<void()>& f) try { return f(), ""; } catch (const char* m) {
+  return m;
+} catch (const std::out_of_range&) {
+  return "out of range";
+}
 
 TEST(BitStream, ByteOperationsNeedAByteBoundaryAndCodesGoWhole) {
   GolombBitStream w, r;
   ByteArray out;
-  for (auto [value, n] : {std::pair{0b101u, 3}, {0b001010011u, 9}, {0xFFFFFFFFu, 32}, {1u, 40}, {1u, 1}}) w.write_bits(value, n);
+  for (auto [value, n] : {std::pair{0b101u, 3}, {0b001010011u, 9}, {0xFFFFFFFFu, 32}, {1u, 40}, {1u, 1}})
+    w.write_bits(value, n);
   EXPECT_EQ(thrown([&] { w.read8(); }) + thrown([&] { w.read16n(); }) + thrown([&] { w.read_bytes(1, out); }) +
                 thrown([&] { w.write8(1); }) + thrown([&] { w.write16n(1); }) + thrown([&] { w.write_bytes(out); }),
             "bits existedbits existedbits existedbits existedbits existedbits existed");  // 85 bits written
-  w.flush_bits(), w.flush_bits();  // the second has nothing to add
+  w.flush_bits(), w.flush_bits();                                               // the second has nothing to add
   for (uint32_t v : {0u, 65535u, 0xFFFFFFFEu, 0xFFFFFFFFu}) w.write_golomb(v);  // beyond what can be read back
-  EXPECT_EQ(hexOf(w.bytes()), "A5 3F FF FF FF F0 00 00 00 00 18 80 00 40 00 00 00 00 00 7F FF FF FF 80 00 00 00 40"
-                              " 00 00 00 00");
+  EXPECT_EQ(hexOf(w.bytes()),
+            "A5 3F FF FF FF F0 00 00 00 00 18 80 00 40 00 00 00 00 00 7F FF FF FF 80 00 00 00 40"
+            " 00 00 00 00");
   for (uint32_t v = 0; v <= 65534; ++v) r.write_golomb(v);
   r.flush_bits();  // then read from the front of what was written
   for (uint32_t v = 0; v <= 65534; ++v) ASSERT_EQ(r.read_golomb(), v);
@@ -57,7 +62,8 @@ std::string walk(const std::string& name, const std::string& hex) {
   ConsoleCapture console;
   std::ostringstream text;
   text << "== " << name << "\nmodel: " << thrown([&] { avcc.parse(in), avcc.sps_parse(sps), avcc.sps_assign(sps); });
-  text << ',' << thrown([&] { avcc.to_s(out); }) << ',' << thrown([&] { avcc.to_s(out2); }) << ' ' << hexOf(out.bytes());
+  text << ',' << thrown([&] { avcc.to_s(out); }) << ',' << thrown([&] { avcc.to_s(out2); }) << ' '
+       << hexOf(out.bytes());
   for (bool fullRange : {true, false}) {
     bool ok = false, was[2] = {true, true};
     ByteArray set1 = bytesOf("DE AD");  // emptied whatever happens
@@ -81,17 +87,22 @@ TEST(AVCC, EveryRecordWritesBackAndRewritesAsInTheGoldenFile) {
       {"scaling lists",
        high("010", "1 011 00100 000010011 0 0 0 0 0 1 010 " + std::string(63, '1') + " 0 ", sps::kFullVui)},
       {"4:4:4 with 12 list flags", high("00100 0", "0 0 0 0 0 0 0 0 1 000010001 0 0 0 ")},  // list 8: -8 ends it
-      {"picture order type 1", record(sps::header(66) + "1 010 0 011 010 00100 00100 00101 00110 010 0 000010100 "
-                                      "0001111 1 1 0 " + sps::tail())},
+      {"picture order type 1", record(sps::header(66) +
+                                      "1 010 0 011 010 00100 00100 00101 00110 010 0 000010100 "
+                                      "0001111 1 1 0 " +
+                                      sps::tail())},
       {"trailing bytes to escape", record(sps::baseline() + "0000000 00000000 00000000 00000011 00000000 00000000 "
-                                          "00000010 11111111 00000000 00000000")},
-      {"main with escaped timing", "01 4D 40 0A FF E1 00 17 67 4D 40 0A EC A2 3D 80 88 00 00 03 00 08 00 00 03 01 90"
-                                   " 78 91 2C B0 01 00 05 68 EB E3 CB 20"},
-      {"high with SAR and escaped timing", "01 64 00 0A FF E1 00 1E 67 64 00 0A AC D9 44 7B FF 00 21 00 01 6E 04 02"
-                                           " 02 80 00 00 03 00 80 00 00 19 07 89 12 CB 01 00 06 68 EB E3 CB 22 C0"
-                                           " FD F8 F8 00"},
+                                                            "00000010 11111111 00000000 00000000")},
+      {"main with escaped timing",
+       "01 4D 40 0A FF E1 00 17 67 4D 40 0A EC A2 3D 80 88 00 00 03 00 08 00 00 03 01 90"
+       " 78 91 2C B0 01 00 05 68 EB E3 CB 20"},
+      {"high with SAR and escaped timing",
+       "01 64 00 0A FF E1 00 1E 67 64 00 0A AC D9 44 7B FF 00 21 00 01 6E 04 02"
+       " 02 80 00 00 03 00 80 00 00 19 07 89 12 CB 01 00 06 68 EB E3 CB 22 C0"
+       " FD F8 F8 00"},
       {"two PPS for one SPS: the second is trailing", "01 42 00 1E FF E1 00 01 67 02 00 01 68 00 01 69"},
-      {"no SPS", "01 42 00 1E FF E0 01 00 01 68"}, {"header cut", "01 64 00"},
+      {"no SPS", "01 42 00 1E FF E0 01 00 01 68"},
+      {"header cut", "01 64 00"},
       {"second SPS missing", "01 42 00 1E FF E2 00 01 67 00 01 67 01 00 01 68"},
       {"SPS longer than the record", "01 42 00 1E FF E1 FF FF 67 42"},
       {"code too long", record(sps::header(66) + "0000000000000000 1 1111111111111111")},
@@ -107,11 +118,12 @@ TEST(AVCC, EveryRecordWritesBackAndRewritesAsInTheGoldenFile) {
 
 // The record's SPS as ffmpeg's trace_headers reads it, by element name (HRD elements prefixed "nal_" or "vcl_").
 std::map<std::string, long long> ffmpegFields(const std::string& movie) {
-  std::istringstream lines(run(
-      "ffmpeg -hide_banner -nostdin -i '" + movie + "' -c:v copy -bsf:v trace_headers -f null - 2>&1 | awk '"
-      "/Sequence Parameter Set/ { sps = 1; next } sps && $4 !~ /^[0-9]/ { exit } /_hrd_parameters_present_flag/ { "
-      "hrd = substr($5, 1, 4) } sps && $5 != \"rbsp_alignment_zero_bit\" { print ($5 ~ /^(cpb_|bit_rate_|cbr_flag)|"
-      "delay_length_minus1|time_offset_length/ ? hrd : \"\") $5, $NF }'"));
+  std::istringstream lines(
+      run("ffmpeg -hide_banner -nostdin -i '" + movie +
+          "' -c:v copy -bsf:v trace_headers -f null - 2>&1 | awk '"
+          "/Sequence Parameter Set/ { sps = 1; next } sps && $4 !~ /^[0-9]/ { exit } /_hrd_parameters_present_flag/ { "
+          "hrd = substr($5, 1, 4) } sps && $5 != \"rbsp_alignment_zero_bit\" { print ($5 ~ /^(cpb_|bit_rate_|cbr_flag)|"
+          "delay_length_minus1|time_offset_length/ ? hrd : \"\") $5, $NF }'"));
   std::map<std::string, long long> fields;
   for (std::string name; lines >> name;) lines >> fields[name];
   return fields;
@@ -120,9 +132,10 @@ std::map<std::string, long long> ffmpegFields(const std::string& movie) {
 TEST(FfmpegCorpus, RecordsWriteBackAndSet1RewritesReadBackInFfmpeg) {
   if (!haveProgram("ffmpeg")) GTEST_SKIP() << "ffmpeg not installed";
   const std::string hrd = "-b:v 200k -maxrate 200k -bufsize 400k -x264-params nal-hrd=";
-  for (const std::string& options : std::initializer_list<std::string>{"-profile:v baseline", "-r 60 -profile:v main",
-           "-r 30000/1001 -profile:v baseline", "-profile:v high10 -pix_fmt yuv420p10le", "-pix_fmt yuv444p -qp 0",
-           "-profile:v high422 -pix_fmt yuv422p", "-vf scale=70:44 -x264-params tff=1", hrd + "vbr", hrd + "cbr",
+  for (const std::string& options : std::initializer_list<std::string>{
+           "-profile:v baseline", "-r 60 -profile:v main", "-r 30000/1001 -profile:v baseline",
+           "-profile:v high10 -pix_fmt yuv420p10le", "-pix_fmt yuv444p -qp 0", "-profile:v high422 -pix_fmt yuv422p",
+           "-vf scale=70:44 -x264-params tff=1", hrd + "vbr", hrd + "cbr",
            "-x264-params videoformat=component:fullrange=on", "-profile:v high -x264-params cqm=jvt",  // PPS matrices
            "-vf setsar=33/17 -x264-params colorprim=bt709:transfer=bt709:colormatrix=bt709:fullrange=on:overscan=show:"
            "chromaloc=1"}) {

@@ -30,24 +30,31 @@ std::string movieLine(const MetaReader& reader) {
 }
 
 TEST(ToJsonValueL, BlanksQuotesBackslashesControlsAndEveryHighByte) {
-  const std::pair<std::string, std::wstring> cases[] = {
-      {"a\"b\tc\x7f\x01\x1f.", L"\"a b c   .\""}, {"caf\xC3\xA9!\\", L"\"caf  !\""}, {"trail \xC3\xA9 \n", L"\"trail\""},
-      {std::string("cut\0here", 8), L"\"cut\""},    {"", L"\"\""}};
+  const std::pair<std::string, std::wstring> cases[] = {{"a\"b\tc\x7f\x01\x1f.", L"\"a b c   .\""},
+                                                        {"caf\xC3\xA9!\\", L"\"caf  !\""},
+                                                        {"trail \xC3\xA9 \n", L"\"trail\""},
+                                                        {std::string("cut\0here", 8), L"\"cut\""},
+                                                        {"", L"\"\""}};
   for (const auto& [text, json] : cases) EXPECT_EQ(toJsonValueL(text), json) << text;
 }
 
 TEST(DumpToJSON, WholeLinesWithTheTailUnderItsConditions) {
   const std::string head = "result: {\"status\":\"succeed\", \"hasKDTD\":";
   MetaReader reader;  // nothing known, or not finite: the head only; 0 / 2 == 0 makes the movie "equi"
-  std::tie(reader.probe.duration, reader.probe.videoBitRate, reader.viewHeading.heading) = std::tuple(-kInf, kNaN, kInf);
-  EXPECT_EQ(movieLine(reader), head + "false, \"type\":\"equi\", \"codec\":\"unknown\", \"decodable\":false, "
-            "\"hasSpatialSound\":false, \"hasSA3DSound\":false, \"duration\":0.00, \"videoBitRate\":0}\n");
-  for (const auto& [version, projection, type] : {std::tuple(1u, 0, "unknown"), {1u, 1, "equi"}, {0u, 3, "unknown"}, {0u, 0, "equi"}}) {
+  std::tie(reader.probe.duration, reader.probe.videoBitRate, reader.viewHeading.heading) =
+      std::tuple(-kInf, kNaN, kInf);
+  EXPECT_EQ(movieLine(reader),
+            head +
+                "false, \"type\":\"equi\", \"codec\":\"unknown\", \"decodable\":false, "
+                "\"hasSpatialSound\":false, \"hasSA3DSound\":false, \"duration\":0.00, \"videoBitRate\":0}\n");
+  for (const auto& [version, projection, type] :
+       {std::tuple(1u, 0, "unknown"), {1u, 1, "equi"}, {0u, 3, "unknown"}, {0u, 0, "equi"}}) {
     std::tie(reader.probe.cameraVersion, reader.probe.record.projectionType) = std::tuple(version, projection);
     EXPECT_NE(movieLine(reader).find(std::string("\"type\":\"") + type + "\""), std::string::npos) << type;
   }
   ExifParser::ZEPRA& r = reader.probe.record;
-  std::tie(r.model, r.adjZenith, r.stabilize, r.stabilizeFlag2, r.vQuality) = std::tuple("KORVU \"X\" ", 0, 0, false, 1);
+  std::tie(r.model, r.adjZenith, r.stabilize, r.stabilizeFlag2, r.vQuality) =
+      std::tuple("KORVU \"X\" ", 0, 0, false, 1);
   std::tie(reader.viewHeading.fov, reader.viewHeading.dolly, reader.viewHeading.heading) = std::tuple(1234567, 0, kNaN);
   std::tie(reader.probe.codec, reader.profileIdc, reader.probe.width) = std::tuple(1, 66, 4);  // constrained_set1 0
   std::tie(reader.probe.duration, reader.probe.videoBitRate) = std::tuple(12.345f, 4294967296.0f + 8192.0f);
@@ -55,11 +62,15 @@ TEST(DumpToJSON, WholeLinesWithTheTailUnderItsConditions) {
   reader.sensorLogs.retimed.resize(1);
   std::tie(reader.topBottomCorrectionSamplingRate, reader.gyroSamplingRate, reader.ecompassSamplingRate) =
       std::tuple(30, 200, 29);
-  EXPECT_EQ(movieLine(reader), head + "true, \"type\":\"unknown\", \"codec\":\"H264\", \"decodable\":true, "
-            "\"hasSpatialSound\":true, \"hasSA3DSound\":false, \"duration\":12.35, \"videoBitRate\":8192, \"model\":"
-            "\"KORVU  X\", \"GSpherical:InitialHorizontalFOVDegrees\":1.23457e+06, \"GSpherical:InitialCameraDolly\":0, "
-            "\"topBottomCorrection\":false, \"dxvaDecodable\":false, \"directionLocked\":false, \"videoStabilization\":0, "
-            "\"KDTDSamplingRate\":30, \"KDTBSamplingRate\":200, \"KDTCSamplingRate\":29, \"videoQuality\":\"normal\"}\n");
+  EXPECT_EQ(
+      movieLine(reader),
+      head +
+          "true, \"type\":\"unknown\", \"codec\":\"H264\", \"decodable\":true, "
+          "\"hasSpatialSound\":true, \"hasSA3DSound\":false, \"duration\":12.35, \"videoBitRate\":8192, \"model\":"
+          "\"KORVU  X\", \"GSpherical:InitialHorizontalFOVDegrees\":1.23457e+06, \"GSpherical:InitialCameraDolly\":0, "
+          "\"topBottomCorrection\":false, \"dxvaDecodable\":false, \"directionLocked\":false, "
+          "\"videoStabilization\":0, "
+          "\"KDTDSamplingRate\":30, \"KDTBSamplingRate\":200, \"KDTCSamplingRate\":29, \"videoQuality\":\"normal\"}\n");
   reader.probe.codec = 2;
   EXPECT_NE(movieLine(reader).find("\"codec\":\"H265\""), std::string::npos);
 }
@@ -73,7 +84,9 @@ TEST(DumpXYZT, OneObjectPerLineInBlocksAndAFailureRemovesTheFile) {
   EXPECT_EQ(text.size(), 1 + samples.size() * (line.size() + 2));
   EXPECT_EQ(text.substr(text.size() - line.size() - 2), line + "]\n");
   size_t objects = 0;  // the last object fails, when blocks have been written: no half array is left
-  const auto failLast = [&](std::ostream&) { if (++objects == samples.size()) throw std::bad_alloc(); };
+  const auto failLast = [&](std::ostream&) {
+    if (++objects == samples.size()) throw std::bad_alloc();
+  };
   EXPECT_THROW(reader.dumpXYZT(samples, dir.wfile("g.json"), failLast), std::bad_alloc);
   EXPECT_FALSE(std::filesystem::exists(dir.file("g.json")));
 }
@@ -113,7 +126,7 @@ TEST(StillReader, FailuresPrintTheirLineAndLeaveNothingBehind) {
   Bytes jpeg = readFile(samples + "sample.jpg");
   const std::string jpg = dir.write("s.jpg", jpeg), dng = dir.write("s.dng", readFile(samples + "sample.dng"));
   const std::string far = dir.write("far.jpg", concat({Bytes{0xFF, 0xD8}, jpegSegment(0xFFE2, Bytes(65400, 0)),
-                                                        Bytes(jpeg.begin() + 2, jpeg.end())}));  // Exif past 64 KiB
+                                                       Bytes(jpeg.begin() + 2, jpeg.end())}));  // Exif past 64 KiB
   MetaReader reader;
   const auto parse = [&](const std::string& path, bool ok, bool dump = false) {
     ConsoleCapture console;
@@ -166,11 +179,16 @@ TEST(MovieDescription, DecodableExactlyWhenTheBuildDecodesTheMovie) {
   TempDir dir;
   const std::string video = "-f lavfi -i testsrc=size=384x192:rate=30000/1001 -t 1 -c:v ";
   const std::tuple<const char*, std::string, bool> cases[] = {
-      {"h264.mp4", video + "libx264", true}, {"h265.mp4", video + "libx265 -x265-params log-level=none", true},
-      {"mpeg4.mp4", video + "mpeg4", true}, {"vp9.mp4", video + "libvpx-vp9 -deadline realtime -cpu-used 8", true},
-      {"prores.mov", video + "prores_ks", true}, {"mjpeg.mp4", video + "mjpeg", true},
-      {"mpeg2.mp4", video + "mpeg2video", kAll}, {"av1.mp4", video + "libaom-av1 -cpu-used 8", kAll},
-      {"audio.mp4", "-f lavfi -i sine -t 1 -c:a aac", false}, {"still.jpg", video + "mjpeg -frames:v 1", false},
+      {"h264.mp4", video + "libx264", true},
+      {"h265.mp4", video + "libx265 -x265-params log-level=none", true},
+      {"mpeg4.mp4", video + "mpeg4", true},
+      {"vp9.mp4", video + "libvpx-vp9 -deadline realtime -cpu-used 8", true},
+      {"prores.mov", video + "prores_ks", true},
+      {"mjpeg.mp4", video + "mjpeg", true},
+      {"mpeg2.mp4", video + "mpeg2video", kAll},
+      {"av1.mp4", video + "libaom-av1 -cpu-used 8", kAll},
+      {"audio.mp4", "-f lavfi -i sine -t 1 -c:a aac", false},
+      {"still.jpg", video + "mjpeg -frames:v 1", false},
       {"other.mkv", video + "libx264", false}};
   for (const auto& [file, options, decodable] : cases) {
     run("ffmpeg -v error -y " + options + " '" + dir.file(file) + "'");
@@ -178,7 +196,8 @@ TEST(MovieDescription, DecodableExactlyWhenTheBuildDecodesTheMovie) {
     ASSERT_EQ(describeSilently(dir.file(file), d), decodable) << file;
     if (!decodable) continue;
     EXPECT_EQ(std::tuple(d.width, d.height, std::lround(d.frameRate * 100), std::lround(d.duration * 10)),
-              std::tuple(384, 192, 2997, 10)) << file;
+              std::tuple(384, 192, 2997, 10))
+        << file;
   }
   MovieDescription d;  // not a movie, and no file
   EXPECT_FALSE(describeSilently(dir.write("bad.mp4", {'h', 'i'}), d) || describeSilently(dir.file("no.mp4"), d));
@@ -207,9 +226,12 @@ TEST(DescriberProcess, EndsWorkersThatRunPastTheDeadlineOrDieAndAnswersTheNextAt
     worker.ask(L"spin");  // dropped untaken: its busy worker ends without a word
     worker.drop();
     const std::tuple<std::wstring, bool, std::string> requests[] = {
-        {L"a.mp4", true, ""}, {L"fail", false, ""},
-        {L"spin", false, "movie description of spin took longer than 0.3 s, given up.\n"}, {L"bc.mp4", true, ""},
-        {L"die", false, "movie description of die ended without an answer.\n"}, {L"def.mp4", true, ""}};
+        {L"a.mp4", true, ""},
+        {L"fail", false, ""},
+        {L"spin", false, "movie description of spin took longer than 0.3 s, given up.\n"},
+        {L"bc.mp4", true, ""},
+        {L"die", false, "movie description of die ended without an answer.\n"},
+        {L"def.mp4", true, ""}};
     for (const auto& [path, described, message] : requests) {
       ConsoleCapture capture;
       MovieDescription d;

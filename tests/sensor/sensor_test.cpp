@@ -42,13 +42,14 @@ TEST(SampleLoaders, BothByteOrdersReadTheSameRecordsAndLyingCountsReadWhatIsTher
   const std::vector<YawCorrection> yaws = {{0.1f, 0.2f, -0.3f, -0.4f, 11}};
   for (const bool big : {false, true}) {
     const Read r(sensorMovie({SampleBox("KDTB", big).rate(200).add(gyro).build(),
-                                                   SampleBox("KDTD", big).rate(30).add(gravity).build(),
-                                                   SampleBox("KDTI", big).rate(29).add(yaws).build()}));
-  const auto& [d, m, logs, console] = r;
-    EXPECT_EQ(std::tuple(bytesOf(logs.gyro.records), bytesOf(logs.gravity.records), bytesOf(logs.yawCorrections.records),
-                         bytesOf(logs.retimed), logs.gyro.samplingRate, logs.gravity.samplingRate,
-                         logs.yawCorrections.samplingRate, logs.stamps.records.size(), console),
-              std::tuple(bytesOf(gyro), bytesOf(gravity), bytesOf(yaws), bytesOf(gravity), 200, 30, 29, 0u, ""));
+                              SampleBox("KDTD", big).rate(30).add(gravity).build(),
+                              SampleBox("KDTI", big).rate(29).add(yaws).build()}));
+    const auto& [d, m, logs, console] = r;
+    EXPECT_EQ(
+        std::tuple(bytesOf(logs.gyro.records), bytesOf(logs.gravity.records), bytesOf(logs.yawCorrections.records),
+                   bytesOf(logs.retimed), logs.gyro.samplingRate, logs.gravity.samplingRate,
+                   logs.yawCorrections.samplingRate, logs.stamps.records.size(), console),
+        std::tuple(bytesOf(gyro), bytesOf(gravity), bytesOf(yaws), bytesOf(gravity), 200, 30, 29, 0u, ""));
   }
   // 24 + 0xFFFFFFFF * 24 wraps to 0 and 24 + 0x10000001 * 16 to 40: both
   // pass the check. KDTC claims ten records but the file ends in its third.
@@ -71,10 +72,11 @@ TEST(SampleLoaders, BadHeadersPrintTheirLineAndLoadNothing) {
       {SampleBox("KDTD").unitSize(24).add(Gravity{}).build(), invalid + "24), endian(expect 3210/0123, but 0123).\n"},
       {SampleBox("KDTD", kBigEndian).unitSize(24).build(), invalid + "24), endian(expect 3210/0123, but 3210).\n"},
       {SampleBox("KDTD").mark(0x2301).add(Gravity{}).build(), invalid + "16), endian(expect 3210/0123, but 2301).\n"},
-      {SampleBox("KDTD").count(3).add(Gravity{}).build(), "KDTD: Not enough length. except less than 24+16*3(=72), but 40.\n"}};
+      {SampleBox("KDTD").count(3).add(Gravity{}).build(),
+       "KDTD: Not enough length. except less than 24+16*3(=72), but 40.\n"}};
   for (const auto& [box, line] : cases) {
     const Read r(sensorMovie({box}));
-  const auto& [d, m, logs, console] = r;
+    const auto& [d, m, logs, console] = r;
     EXPECT_EQ(std::tuple(logs.gravity.records.size(), logs.gravity.samplingRate, console), std::tuple(0u, 0, line));
   }
 }
@@ -82,25 +84,33 @@ TEST(SampleLoaders, BadHeadersPrintTheirLineAndLoadNothing) {
 TEST(Retiming, TurnsTheSampleBeforeEachTimeTowardsTheNextAndRepeatsTheLastPastTheEnd) {
   SampleBox kdtg("KDTG");  // shifted by 4 ms when read
   for (const uint64_t t : {5, 10, 15, 17, 25, 35, 12, 45}) kdtg.add(t - 4000000);
-  const Read r(
-      sensorMovie({SampleBox("KDTD").rate(30).add(std::vector<Gravity>{{8000, 0, 0, 0, 10}, {0, 3000, 0, 0, 20},
-                                                                       {0, 3000, 0, 0, 30}, {0, 0, 0, 0, 40}}).build(),
-                   kdtg.build()}), true);
+  const Read r(sensorMovie({SampleBox("KDTD")
+                                .rate(30)
+                                .add(std::vector<Gravity>{
+                                    {8000, 0, 0, 0, 10}, {0, 3000, 0, 0, 20}, {0, 3000, 0, 0, 30}, {0, 0, 0, 0, 40}})
+                                .build(),
+                            kdtg.build()}),
+               true);
   const auto& [d, m, logs, console] = r;
   std::vector<std::vector<int64_t>> fields;
   for (const Gravity& g : logs.retimed) fields.push_back({g.x, g.y, g.z, static_cast<int64_t>(g.t)});
   // Copied before and at the first; 45 and 63 degrees on (unit x 16384);
   // parallel: copied; towards zero: nothing; back in time and past the end: the last.
-  EXPECT_EQ(fields, (std::vector<std::vector<int64_t>>{{8000, 0, 0, 5}, {8000, 0, 0, 10}, {11585, 11585, 0, 15},
-                                                       {7438, 14598, 0, 17}, {0, 3000, 0, 25}, {0, 0, 0, 35},
-                                                       {0, 0, 0, 40}, {0, 0, 0, 40}}));
+  EXPECT_EQ(fields, (std::vector<std::vector<int64_t>>{{8000, 0, 0, 5},
+                                                       {8000, 0, 0, 10},
+                                                       {11585, 11585, 0, 15},
+                                                       {7438, 14598, 0, 17},
+                                                       {0, 3000, 0, 25},
+                                                       {0, 0, 0, 35},
+                                                       {0, 0, 0, 40},
+                                                       {0, 0, 0, 40}}));
   EXPECT_EQ(console, "KDTD: End of data : use 40 for 12\nKDTD: End of data : use 40 for 45\n");
 }
 
 TEST(Orientation, HeadingsFollowTheCompassAndVerdictsWeighTheAxes) {
   // Level: y = compass's first value, x = its second; past 327.67 degrees
   // only 16 bits unsigned fit, and 270 lands below 27000 in float arithmetic.
-  const std::tuple<float, float, uint16_t> cases[] = {{0, 1, 0}, {1, 0, 26999}, {-1, 0, 9000}, {0, -1, 18000},
+  const std::tuple<float, float, uint16_t> cases[] = {{0, 1, 0},         {1, 0, 26999}, {-1, 0, 9000}, {0, -1, 18000},
                                                       {0.01f, 1, 35942}, {-1, 1, 4500}, {NAN, 1, 0}};
   S stream;
   for (const auto& [y, x, heading] : cases) {
@@ -113,7 +123,8 @@ TEST(Orientation, HeadingsFollowTheCompassAndVerdictsWeighTheAxes) {
   const std::pair<std::vector<TAccelSensorInfo>, std::string> verdicts[] = {
       {{{{0, 1000, 0}}, {{342, 940, 0}}, {{0, -1000, 0}}, {{600, 700, 0}}},
        "rev-up/down: [P]100002.921875, [N]:100000.000000 -> Y\nrev-front:   [F]4.000000 -> Y\n"},
-      {{{{0, -1000, 0}}, {{0, 0, 0}}}, "rev-up/down: [P]0.000000, [N]:100000.000000 -> N\nrev-front:   [F]1.000000 -> N\n"},
+      {{{{0, -1000, 0}}, {{0, 0, 0}}},
+       "rev-up/down: [P]0.000000, [N]:100000.000000 -> N\nrev-front:   [F]1.000000 -> N\n"},
       {{{{0, 8000, 16384}}}, "rev-up/down: [P]0.000000, [N]:0.000000 -> N\nrev-front:   [F]-0.438769 -> Y\n"}};
   for (const auto& [table, text] : verdicts) {
     stream.sensorTable = table;
@@ -129,15 +140,19 @@ TEST(Orientation, LoadGen2PairsGravityWithCompassOrFailsWithThreeLines) {
   const std::vector<Ecompass> compass(log.compass.begin(), log.compass.end() - 1);
   S stream;
   ConsoleCapture capture;
-  EXPECT_FALSE(stream.loadGen2(Read{sensorMovie({SampleBox("KDTC").add(compass).build(),
-                                                  SampleBox("KDTD").add(log.gravity).build()})}.logs, 30));
+  EXPECT_FALSE(stream.loadGen2(
+      Read{sensorMovie({SampleBox("KDTC").add(compass).build(), SampleBox("KDTD").add(log.gravity).build()})}.logs,
+      30));
   EXPECT_EQ(capture.text(), "KDTD: No KDTG entries.\nKDTC/KDTD is not enough size.\n  KDTC:   100\n  KDTD/G: 101\n");
   // Upside down, KDTI present so KDTD is taken plain; the field along -x reads as 90 degrees.
   ASSERT_TRUE(stream.loadGen2(Read{sensorMovie({SampleBox("KDTC").add(Ecompass{-30, 0, 0, 0, 1}).build(),
-                                                 SampleBox("KDTD").add(Gravity{0, 0, -16384, 0, 1}).build(),
-                                                 SampleBox("KDTI").add(YawCorrection{}).build()})}.logs, 15));
+                                                SampleBox("KDTD").add(Gravity{0, 0, -16384, 0, 1}).build(),
+                                                SampleBox("KDTI").add(YawCorrection{}).build()})}
+                                  .logs,
+                              15));
   const TAccelSensorInfo& e = stream.sensorTable.at(0);
-  EXPECT_EQ(std::tuple(stream.sampleCount, stream.rate, stream.step, e.axis[0], e.axis[1], e.axis[2], e.orientation, e.auxiliary),
+  EXPECT_EQ(std::tuple(stream.sampleCount, stream.rate, stream.step, e.axis[0], e.axis[1], e.axis[2], e.orientation,
+                       e.auxiliary),
             std::tuple(1, 100, 2, 0, 16384, 0, int16_t{9000}, 20));
 }
 
@@ -169,8 +184,10 @@ TEST(YawStabilizer, ModesGenerationsAndKDTIValues) {
 // tilted, upside down with the alternate sign; per gyro sample with KDTG,
 // along gravity without); drift removal settles at rate x 1 / (2 pi 0.1 Hz).
 TEST(YawPhysics, ConstantTurnsLockedAndWithDriftRemoval) {
-  for (const auto& [tilt, mode, alternate] : {std::tuple(0.0, Mode::LOCK_DIR, false), {0.436, Mode::LOCK_DIR, false},
-                                              {M_PI + 0.436, Mode::LOCK_DIR, true}, {0.0, Mode::ENABLED, false}}) {
+  for (const auto& [tilt, mode, alternate] : {std::tuple(0.0, Mode::LOCK_DIR, false),
+                                              {0.436, Mode::LOCK_DIR, false},
+                                              {M_PI + 0.436, Mode::LOCK_DIR, true},
+                                              {0.0, Mode::ENABLED, false}}) {
     const SensorLog log = turningCamera(20, 0.4, tilt);
     for (const bool stamps : {true, false}) {
       const Read movie(sensorMovie(log, false, stamps));

@@ -17,9 +17,11 @@ ByteWriter& ByteWriter::f32(float v) { return u32(std::bit_cast<uint32_t>(v)); }
 Bytes fromHex(const std::string& hex) {
   std::string digits;
   for (char c : hex) digits += std::isspace(static_cast<unsigned char>(c)) ? "" : std::string(1, c);
-  if (digits.size() % 2 != 0 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) throw std::invalid_argument("not hex: " + hex);
+  if (digits.size() % 2 != 0 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+    throw std::invalid_argument("not hex: " + hex);
   Bytes out;
-  for (size_t i = 0; i < digits.size(); i += 2) out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  for (size_t i = 0; i < digits.size(); i += 2)
+    out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
   return out;
 }
 

@@ -4,8 +4,8 @@
 #include <stdexcept>
 
 #include "mp4/boxes.h"
-#include "tests/support/mp4_builder.h"
 #include "tests/support/movie.h"
+#include "tests/support/mp4_builder.h"
 #include "tests/support/sensor_boxes.h"
 #include "tests/support/tiff_builder.h"
 
@@ -30,12 +30,18 @@ std::string sphericalXmlText(const std::string& software, int heading, int pitch
   return "<?xml version=\"1.0\"?><rdf:SphericalVideo\nxmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
          "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n"
          "  <GSpherical:Spherical>true</GSpherical:Spherical>\n  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
-         "  <GSpherical:StitchingSoftware>" + software + "</GSpherical:StitchingSoftware>\n"
+         "  <GSpherical:StitchingSoftware>" +
+         software +
+         "</GSpherical:StitchingSoftware>\n"
          "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n"
-         "  <GSpherical:InitialViewHeadingDegrees>" + std::to_string(heading) +
+         "  <GSpherical:InitialViewHeadingDegrees>" +
+         std::to_string(heading) +
          "</GSpherical:InitialViewHeadingDegrees>\n"
-         "  <GSpherical:InitialViewPitchDegrees>" + std::to_string(pitch) + "</GSpherical:InitialViewPitchDegrees>\n"
-         "  <GSpherical:InitialHorizontalFOVDegrees>" + std::to_string(fov) +
+         "  <GSpherical:InitialViewPitchDegrees>" +
+         std::to_string(pitch) +
+         "</GSpherical:InitialViewPitchDegrees>\n"
+         "  <GSpherical:InitialHorizontalFOVDegrees>" +
+         std::to_string(fov) +
          "</GSpherical:InitialHorizontalFOVDegrees>\n"
          "</rdf:SphericalVideo>";
 }
@@ -45,7 +51,9 @@ std::string xmpText(const std::string& creatorTool) {
          "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
          " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n  <rdf:Description rdf:about=\"\" "
          "xmlns:x=\"adobe:ns:meta/\">\n"
-         "   <x:CreatorTool>" + creatorTool + "</x:CreatorTool>\n"
+         "   <x:CreatorTool>" +
+         creatorTool +
+         "</x:CreatorTool>\n"
          "  </rdf:Description>\n </rdf:RDF>\n</x:xmpmeta>\n<?xpacket end=\"w\"?>";
 }
 
@@ -56,7 +64,9 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   if (moov == nullptr) throw std::invalid_argument("movie without moov");
   const MP4::BOX* udta = findFirst(*parsed, "moov.udta");
   Bytes out = movie;
-  auto grow = [&](const MP4::BOX& box, uint64_t delta) { addBE(out, box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4); };
+  auto grow = [&](const MP4::BOX& box, uint64_t delta) {
+    addBE(out, box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4);
+  };
 
   Bytes udtaChildren;
   auto append = [&](const Bytes& b) { udtaChildren.insert(udtaChildren.end(), b.begin(), b.end()); };
@@ -88,7 +98,8 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   }
   grow(*moov, moovGrowth);
   // The media data behind a grown movie box moves by the growth.
-  for (const auto& [path, width] : {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
+  for (const auto& [path, width] :
+       {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
     for (MP4::BOX* box : findAll(*parsed, path)) {
       const auto& table = static_cast<const MP4::STCO&>(*box);
       for (uint64_t i = 0; parsed->mdat != nullptr && parsed->mdat->start > moov->start && i < table.entryCount; ++i) {
@@ -108,8 +119,8 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
 Bytes ffmpegMovie(const std::string& options, double seconds) {
   TempDir dir;
   const std::string path = dir.file("movie.mp4");
-  run("ffmpeg -v error -y -f lavfi -i testsrc=size=384x192:rate=30 -t " + std::to_string(seconds) +
-      " -threads 1 " + options + " '" + path + "'");
+  run("ffmpeg -v error -y -f lavfi -i testsrc=size=384x192:rate=30 -t " + std::to_string(seconds) + " -threads 1 " +
+      options + " '" + path + "'");
   return readFile(path);
 }
 

@@ -19,17 +19,42 @@ Bytes Box::build() const {
 }
 
 Box mvhd(uint32_t timeScale, uint32_t duration, uint32_t creation) {
-  return Box::full("mvhd", 0, 0).u32(creation).u32(0).u32(timeScale).u32(duration)
-      .u32(0x00010000).u16(0x0100).zeros(10)                                  // rate, volume, reserved
-      .u32(0x00010000).zeros(12).u32(0x00010000).zeros(12).u32(0x40000000)    // matrix
-      .zeros(24).u32(2);                                                      // pre-defined, next track ID
+  return Box::full("mvhd", 0, 0)
+      .u32(creation)
+      .u32(0)
+      .u32(timeScale)
+      .u32(duration)
+      .u32(0x00010000)
+      .u16(0x0100)
+      .zeros(10)  // rate, volume, reserved
+      .u32(0x00010000)
+      .zeros(12)
+      .u32(0x00010000)
+      .zeros(12)
+      .u32(0x40000000)  // matrix
+      .zeros(24)
+      .u32(2);  // pre-defined, next track ID
 }
 
 Box tkhd(uint32_t width, uint32_t height, uint32_t creation) {
-  return Box::full("tkhd", 0, 3).u32(creation).u32(0).u32(1).u32(0).u32(0)  // times, track ID, reserved, duration
-      .zeros(8).u16(0).u16(0).u16(0).u16(0)                                 // reserved, layer, group, volume
-      .u32(0x00010000).zeros(12).u32(0x00010000).zeros(12).u32(0x40000000)  // matrix
-      .u32(width << 16).u32(height << 16);
+  return Box::full("tkhd", 0, 3)
+      .u32(creation)
+      .u32(0)
+      .u32(1)
+      .u32(0)
+      .u32(0)  // times, track ID, reserved, duration
+      .zeros(8)
+      .u16(0)
+      .u16(0)
+      .u16(0)
+      .u16(0)  // reserved, layer, group, volume
+      .u32(0x00010000)
+      .zeros(12)
+      .u32(0x00010000)
+      .zeros(12)
+      .u32(0x40000000)  // matrix
+      .u32(width << 16)
+      .u32(height << 16);
 }
 
 Box mdhd(uint32_t timeScale, uint32_t duration, uint32_t creation) {
@@ -37,14 +62,27 @@ Box mdhd(uint32_t timeScale, uint32_t duration, uint32_t creation) {
 }
 
 Box avc1(uint16_t width, uint16_t height) {
-  return Box("avc1").zeros(6).u16(1).zeros(16).u16(width).u16(height)  // reserved, data reference index, size
-      .u32(0x00480000).u32(0x00480000).u32(0).u16(1)                    // resolution, reserved, frame count
-      .zeros(32).u16(0x0018).u16(0xFFFF);                               // compressor name, depth, pre-defined
+  return Box("avc1")
+      .zeros(6)
+      .u16(1)
+      .zeros(16)
+      .u16(width)
+      .u16(height)  // reserved, data reference index, size
+      .u32(0x00480000)
+      .u32(0x00480000)
+      .u32(0)
+      .u16(1)  // resolution, reserved, frame count
+      .zeros(32)
+      .u16(0x0018)
+      .u16(0xFFFF);  // compressor name, depth, pre-defined
 }
 
 Box videoTrak(uint32_t width, uint32_t height, const Box& stsd, const Bytes& otherStblChildren) {
-  return Box("trak").child(tkhd(width, height)).child(Box("mdia").child(mdhd(30000, 60000))
-      .child(Box("minf").child(Box("stbl").child(stsd).bytes(otherStblChildren))));
+  return Box("trak")
+      .child(tkhd(width, height))
+      .child(Box("mdia")
+                 .child(mdhd(30000, 60000))
+                 .child(Box("minf").child(Box("stbl").child(stsd).bytes(otherStblChildren))));
 }
 
 Bytes concat(std::initializer_list<Bytes> parts) {

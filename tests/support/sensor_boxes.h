@@ -24,7 +24,6 @@ using Gravity = AccelSensorStreamEmbed::TopBottomCorrection;
 using Orientation = AccelSensorStreamEmbed::Quaternion;
 using YawCorrection = AccelSensorStreamEmbed::YawCorrection;
 
-
 class SampleBox {
  public:
   // code is one of the six sample box types; its record size is the unit size.

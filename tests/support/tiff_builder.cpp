@@ -67,8 +67,8 @@ Ifd& Ifd::raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value) {
 }
 
 Bytes TiffBuilder::build(const Ifd& ifd0) const {
-  return TiffLayout{bigEndian, 0, ByteWriter(bigEndian).u16(bigEndian ? 0x4D4D : 0x4949).u16(42).u32(8).data()}
-      .done(ifd0);
+  return TiffLayout{bigEndian, 0, ByteWriter(bigEndian).u16(bigEndian ? 0x4D4D : 0x4949).u16(42).u32(8).data()}.done(
+      ifd0);
 }
 Bytes TiffBuilder::buildAt(const Ifd& ifd, uint32_t at) const { return TiffLayout{bigEndian, at, {}}.done(ifd); }
 Bytes TiffBuilder::buildMakerNote(const Ifd& ifd) const {
@@ -76,12 +76,21 @@ Bytes TiffBuilder::buildMakerNote(const Ifd& ifd) const {
 }
 
 Ifd cameraZepra() {
-  return Ifd().shorts(0x0001, {2}).shorts(0x0002, {0})
+  return Ifd()
+      .shorts(0x0001, {2})
+      .shorts(0x0002, {0})
       .srationals(0x0003, {-150, 10, 325, 100})  // roll -15, pitch 3.25
       .rationals(0x0004, {12325, 100})           // yaw 123.25
-      .shorts(0x0005, {3}).shorts(0x0007, {1}).shorts(0x0013, {1})
-      .bytes(0x0201, kUndefined, Bytes(24, 0xA1)).bytes(0x0202, kUndefined, Bytes(40, 0xA2)).shorts(0x0203, {1})
-      .shorts(0x0204, {960, 950}).shorts(0x0205, {1920, 940}).rationals(0x0206, {30000, 1001}).shorts(0x1014, {3});
+      .shorts(0x0005, {3})
+      .shorts(0x0007, {1})
+      .shorts(0x0013, {1})
+      .bytes(0x0201, kUndefined, Bytes(24, 0xA1))
+      .bytes(0x0202, kUndefined, Bytes(40, 0xA2))
+      .shorts(0x0203, {1})
+      .shorts(0x0204, {960, 950})
+      .shorts(0x0205, {1920, 940})
+      .rationals(0x0206, {30000, 1001})
+      .shorts(0x1014, {3});
 }
 
 Ifd cameraMakerNote(const Ifd& zepra) {
@@ -89,19 +98,26 @@ Ifd cameraMakerNote(const Ifd& zepra) {
 }
 
 Ifd cameraIfd0(const Ifd& makerNote, const std::string& model, const std::string& software) {
-  return Ifd().ascii(0x0110, model).ascii(0x0131, software)
+  return Ifd()
+      .ascii(0x0110, model)
+      .ascii(0x0131, software)
       .sub(0x8769, Ifd().bytes(0x9000, kUndefined, {'0', '2', '3', '0'}).makerNote(0x927C, makerNote));
 }
 
 Ifd cameraDngIfd0(const Ifd& preview, const Ifd& makerNote) {
-  return Ifd().ascii(0x0110, "KV-360 S1").ascii(0x0131, "KV-360 Ver 1.20")
+  return Ifd()
+      .ascii(0x0110, "KV-360 S1")
+      .ascii(0x0131, "KV-360 Ver 1.20")
       .subs(0x014A, {Ifd().longs(0x00FE, {0}), preview})
       .sub(0x8769, Ifd().makerNote(0x927C, makerNote))
       .bytes(0xC612, kByte, {1, 4, 0, 0});
 }
 
 Ifd previewIfd(const Bytes& jpeg) {
-  return Ifd().longs(0x00FE, {1}).shorts(0x0103, {7}).offsetOf(0x0111, jpeg)
+  return Ifd()
+      .longs(0x00FE, {1})
+      .shorts(0x0103, {7})
+      .offsetOf(0x0111, jpeg)
       .longs(0x0117, {static_cast<uint32_t>(jpeg.size())});
 }
 

@@ -29,17 +29,23 @@ class Ifd {
   Ifd& rationals(uint16_t tag, std::vector<uint32_t> p, uint16_t type = kRational) {
     return data(tag, type, 4, p, p.size() / 2);
   }
-  Ifd& srationals(uint16_t tag, const std::vector<int32_t>& p) { return rationals(tag, {p.begin(), p.end()}, kSRational); }
+  Ifd& srationals(uint16_t tag, const std::vector<int32_t>& p) {
+    return rationals(tag, {p.begin(), p.end()}, kSRational);
+  }
   Ifd& sub(uint16_t tag, const Ifd& child) { return subs(tag, {child}); }  // a LONG pointer to a child directory
-  Ifd& subs(uint16_t tag, const std::vector<Ifd>& children);                // LONG[n] pointers (SubIFDs)
+  Ifd& subs(uint16_t tag, const std::vector<Ifd>& children);               // LONG[n] pointers (SubIFDs)
   // An UNDEFINED maker note: the signature, then the directory right after it.
   Ifd& makerNote(uint16_t tag, const Ifd& child, const std::string& signature = std::string("Korvu\0\0\0", 8));
   Ifd& offsetOf(uint16_t tag, const Bytes& data);  // a LONG[1]: the offset of data placed after the directory
   Ifd& raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value);  // exactly as given
 
-  // place() lays an entry's data out at the block's end, fills its value field (at the offset given), returns its count.
+  // place() lays an entry's data out at the block's end, fills its value field (at the offset given), returns its
+  // count.
   using Place = std::function<uint32_t(TiffLayout&, size_t)>;
-  struct Entry { uint16_t tag, type; Place place; };
+  struct Entry {
+    uint16_t tag, type;
+    Place place;
+  };
   std::vector<Entry> entries;
 
  private:
