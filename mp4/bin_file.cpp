@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "gltk/byte_order.h"
+
 namespace MP4 {
 
 namespace {
@@ -98,14 +100,13 @@ uint8_t BinFile::read8() {
 uint16_t BinFile::read16() {
   uint8_t b[2];
   take(b, 2);
-  return static_cast<uint16_t>(b[0] << 8 | b[1]);
+  return GLTK::loadBE16(b);
 }
 
 uint32_t BinFile::read32() {
   uint8_t b[4];
   take(b, 4);
-  return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 |
-         b[3];
+  return GLTK::loadBE32(b);
 }
 
 uint64_t BinFile::read64() {

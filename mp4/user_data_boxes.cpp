@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
@@ -147,8 +148,8 @@ void UUID::dump() const {
 
 void UUID::to_byteArray(ByteArray& out) const {
   const uint64_t total = payload.size() + kUuidHeader;
-  const uint8_t header[8] = {static_cast<uint8_t>(total >> 24), static_cast<uint8_t>(total >> 16),
-                             static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 'u', 'u', 'i', 'd'};
+  uint8_t header[8] = {0, 0, 0, 0, 'u', 'u', 'i', 'd'};
+  GLTK::storeBE(header, total, 4);
   out.assign(header, sizeof header);
   out.append(usertype.data(), usertype.size());
   out.append(payload.data(), payload.size());
@@ -157,8 +158,8 @@ void UUID::to_byteArray(ByteArray& out) const {
 bool UUID::write(BinFile& f) const {
   ByteArray bytes;
   const uint64_t total = size;
-  const uint8_t header[4] = {static_cast<uint8_t>(total >> 24), static_cast<uint8_t>(total >> 16),
-                             static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total)};
+  uint8_t header[4];
+  GLTK::storeBE(header, total, 4);
   bytes.append(header, 4);
   bytes.append(type.data(), 4);
   bytes.append(usertype.data(), usertype.size());

@@ -9,6 +9,7 @@
 #include <cwchar>
 #include <string>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "sensor/accel_sensor_stream.h"
@@ -30,12 +31,6 @@ constexpr uint16_t kBigEndianMark = 0x3210;
 // KDTG stamps are taken 4 ms before the KDTD clock they pace.
 constexpr uint64_t kKDTGOffset = 4000000;
 
-uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
-uint32_t le32(const uint8_t* p) { return static_cast<uint32_t>(le16(p)) | static_cast<uint32_t>(le16(p + 2)) << 16; }
-uint16_t reversed16(uint16_t v) { return static_cast<uint16_t>(v >> 8 | v << 8); }
-uint32_t reversed32(uint32_t v) {
-  return static_cast<uint32_t>(reversed16(static_cast<uint16_t>(v))) << 16 | reversed16(static_cast<uint16_t>(v >> 16));
-}
 
 // Reads n bytes at the file's position in as few calls as the system needs;
 // returns how many arrived.
@@ -89,15 +84,13 @@ SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char
   uint8_t header[16] = {};
   if (!file.seek_set(start + 8)) return log;
   readFully(file, header, sizeof header);
-  uint32_t entryCount = le32(header);
-  uint16_t rate = le16(header + 4);
-  uint16_t unitSize = le16(header + 6);
-  const uint16_t endian = le16(header + 8);
-  if (endian == kBigEndianMark) {
-    entryCount = reversed32(entryCount);
-    rate = reversed16(rate);
-    unitSize = reversed16(unitSize);
-  }
+  // The mark is read little-endian; the big-endian mark turns the order of
+  // the other header fields.
+  const uint16_t endian = GLTK::loadLE16(header + 8);
+  const bool big = endian == kBigEndianMark;
+  const uint32_t entryCount = big ? GLTK::loadBE32(header) : GLTK::loadLE32(header);
+  const uint16_t rate = big ? GLTK::loadBE16(header + 4) : GLTK::loadLE16(header + 4);
+  const uint16_t unitSize = big ? GLTK::loadBE16(header + 6) : GLTK::loadLE16(header + 6);
   if (unitSize != recordSize || (endian != kLittleEndianMark && endian != kBigEndianMark)) {
     log.complaint =
         complaintLine(L"%ls: Invalid header. unitSize(expect %u, but %u), endian(expect %04X/%04X, but %04X).\n",
