@@ -126,11 +126,8 @@ uint64_t BinFile::take_entries(std::vector<uint8_t>& out, uint64_t entrySize, ui
 uint64_t BinFile::storable_entries(uint64_t entrySize, uint64_t count) {
   if (count == 0 || entrySize == 0) return 0;
   // How many entries pass the guard one after another.
-  uint64_t allowed = count;
-  if (limit >= entrySize) {
-    allowed = position <= limit - entrySize ? (limit - entrySize - position) / entrySize + 1 : 0;
-    allowed = std::min(allowed, count);
-  }
+  const uint64_t allowed =
+      fits(entrySize) ? std::min((limit - position - entrySize) / entrySize + 1, count) : 0;
   // Of those, only the ones that lie in the file are worth storing.
   const uint64_t fileEnd = length();
   const uint64_t inFile = fileEnd > position ? (fileEnd - position + entrySize - 1) / entrySize : 0;

@@ -59,7 +59,7 @@ template <class Table, class Entry>
 bool modifyIndex(BinFile& f, Table& table, int64_t delta) {
   constexpr int kWidth = sizeof(Entry);
   if (table.entryCount == 0) return true;
-  const uint64_t end = std::min(table.start + table.size, f.length());
+  const uint64_t end = std::min(table.end(), f.length());
   if (table.entryOffset >= end) return true;
   const uint64_t count = std::min<uint64_t>(table.entryCount, (end - table.entryOffset) / kWidth);
   std::vector<uint8_t> bytes(static_cast<size_t>(count * kWidth));

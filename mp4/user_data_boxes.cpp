@@ -19,9 +19,6 @@ constexpr int64_t kMaxXyzText = 512;
 
 double fixedToDouble(uint32_t raw) { return static_cast<int32_t>(raw) * 1.52587890625e-5; }
 
-// True when n bytes from the position lie within the limit; unlike
-// BinFile::fits it does not wrap for lengths computed from a bad size.
-bool within(const BinFile& f, uint64_t n) { return f.tell() <= f.limit && n <= f.limit - f.tell(); }
 }  // namespace
 
 void XYZ::parseBox(BinFile& f, uint64_t limit) {
@@ -35,7 +32,7 @@ void XYZ::parseBox(BinFile& f, uint64_t limit) {
   // leaves no text.
   if (n <= 0 || n > kMaxXyzText + 12) return;
   text.assign(static_cast<size_t>(n), '\0');
-  if (within(f, static_cast<uint64_t>(n))) f.read(reinterpret_cast<unsigned char*>(text.data()), static_cast<uint64_t>(n));
+  if (f.fits(static_cast<uint64_t>(n))) f.read(reinterpret_cast<unsigned char*>(text.data()), static_cast<uint64_t>(n));
 }
 
 void XYZ::dump() const {
@@ -71,7 +68,7 @@ void HDLR::parseBox(BinFile& f, uint64_t limit) {
     std::copy(block + 12, block + 24, reserved.begin());
   }
   nameLength = size - 32;
-  if (size > kPayloadLimit || !within(f, nameLength)) return;
+  if (size > kPayloadLimit || !f.fits(nameLength)) return;
   // The box may claim more than the file holds (a top-level box's limit is
   // its own size): only the bytes that are there are kept. The rest would
   // read as zeros, and the name ends at its first zero anyway.
