@@ -90,6 +90,17 @@ class NestedBox : public BOX {
   void dumpChildren() const;
 };
 
+// Visits the boxes matching path below tree (a NestedBox or a Container)
+// that are of class T, as T. A box of the path's type parsed as another
+// class is passed over, never cast.
+template <class T, class Tree, class Visitor>
+void findAs(const Tree& tree, const char* path, Visitor&& visit) {
+  tree.find(path, [&visit](BOX& box) {
+    T* typed = dynamic_cast<T*>(&box);
+    return typed == nullptr || visit(*typed);
+  });
+}
+
 class NestedBoxWithVersion : public NestedBox {
  public:
   using NestedBox::NestedBox;
