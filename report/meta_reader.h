@@ -35,10 +35,6 @@ class MetaReader {
   bool parse_DNG(const wchar_t* path, bool dump);
   void dumpToJSON_still(bool isDNG) const;
 
-  // The command line: argument mode or the request stream.
-  static int process(int argc, wchar_t** argv);
-  static void usage();
-
   std::wstring path;
   Sondex probe;
   // Read once from the movie, before anything is written: the analysis, the
