@@ -11,7 +11,7 @@
 #include "exif/exif_parser.h"
 #include "report/sondex_probe.h"
 #include "report/view_heading.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 #include "sensor/yaw_stabilizer.h"
 
 class MetaReader {

@@ -10,7 +10,7 @@
 
 #include "exif/camera_model.h"
 #include "exif/exif_parser.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 
 class VideoStabilizationMode {
  public:
