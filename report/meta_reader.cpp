@@ -9,6 +9,7 @@
 #include "gltk/console.h"
 #include "mp4/avcc.h"
 #include "mp4/boxes.h"
+#include "sensor/orientation.h"
 
 namespace {
 

@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "exif/camera_model.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
 #include "report/describer_process.h"
 #include "report/xml_text.h"
-#include "sensor/yaw_stabilizer.h"
 
 namespace {
 

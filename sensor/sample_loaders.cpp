@@ -1,7 +1,8 @@
 // Reading the camera's sample boxes: the 16-byte sample header with its
 // byte-order mark and length checks, the records themselves, and the
-// re-timing of the gravity samples onto the KDTG clock; then the pairing of
-// gravity and compass samples for the orientation analysis.
+// re-timing of the gravity samples onto the KDTG clock.
+#include "sensor/sample_loaders.h"
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -12,7 +13,6 @@
 #include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
-#include "sensor/accel_sensor_stream.h"
 
 // Records are copied from the file as they lie in memory; boxes marked
 // 0x0123 are little-endian, like every host this is built for.
@@ -231,42 +231,4 @@ const GLTK::LargeVector<TopBottomCorrection>& SensorLogs::loadRetimed() const {
                  static_cast<long long>(times[i] + kKDTGOffset));
   }
   return retimed;
-}
-
-bool AccelSensorStreamEmbed::loadGen2(const SensorLogs& logs, int stepDivisor) {
-  sensorTable.clear();
-  sampleCount = rate = 0;
-  scale = bias = gain = 0;
-  offsetX = offsetY = offsetZ = 0;
-  correction = divisor = step = 0;
-  reversed = frontReversed = false;
-  positiveSum = negativeSum = frontSum = 0;
-
-  const GLTK::LargeVector<Ecompass>& compass = logs.compass.load();
-  const bool corrected = !logs.yawCorrections.load().empty();
-  const GLTK::LargeVector<TopBottomCorrection>& gravity = corrected ? logs.gravity.load() : logs.loadRetimed();
-  if (compass.empty() || gravity.empty() || compass.size() < gravity.size()) {
-    Console::out(L"KDTC/KDTD is not enough size.\n");
-    Console::out(L"  KDTC:   %d\n", static_cast<int>(compass.size()));
-    Console::out(L"  KDTD/G: %d\n", static_cast<int>(gravity.size()));
-    return false;
-  }
-
-  sampleCount = static_cast<int32_t>(gravity.size());
-  rate = 100;
-  divisor = stepDivisor;
-  step = stepDivisor != 0 ? 30 / stepDivisor : 0;  // a zero divisor leaves no step rather than trapping
-  sensorTable.reserve(gravity.size());
-  for (size_t i = 0; i < gravity.size(); ++i) {
-    TAccelSensorInfo entry;
-    entry.axis[0] = static_cast<int16_t>(-gravity[i].x);
-    entry.axis[1] = static_cast<int16_t>(-gravity[i].z);
-    entry.axis[2] = static_cast<int16_t>(-gravity[i].y);
-    entry.auxiliary = 20;
-    calcOrientation(entry, compass[i]);
-    sensorTable.push_back(entry);
-  }
-  detectReverse();
-  detectReverseFront();
-  return sensorTable.size() == static_cast<size_t>(sampleCount);
 }

@@ -5,7 +5,8 @@
 #include <cmath>
 #include <tuple>
 
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/orientation.h"
+#include "sensor/sample_loaders.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"
 

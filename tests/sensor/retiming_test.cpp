@@ -1,7 +1,7 @@
 // Gravity samples re-timed onto the KDTG clock.
 #include <gtest/gtest.h>
 
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"
 

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"
 

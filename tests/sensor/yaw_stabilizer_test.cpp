@@ -6,6 +6,7 @@
 
 #include <cmath>
 
+#include "exif/camera_model.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"
 
