@@ -304,7 +304,8 @@ bool ExifParser::find(uint16_t tag, const EntryHandler& fn) {
 
 uint16_t ExifParser::toUINT16(uint32_t value) const {
   // A SHORT is the upper half of the value word only in big-endian blocks.
-  // The message keeps its historical spelling: other programs match on it.
+  // The message is kept byte for byte, misspelling included: programs that
+  // read the output match on it.
   if (!bigEndian) throw "bigEndian reqired.";
   return static_cast<uint16_t>(value >> 16);
 }

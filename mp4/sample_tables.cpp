@@ -59,8 +59,8 @@ void STSZ::parseBox(BinFile& f, uint64_t limit) {
   sample_count = f.read32();
   sample_total = 0;
   if (sampleSize != 0) {
-    // A 32-bit product: it wraps for huge tables, and reports have always
-    // shown the wrapped value.
+    // A 32-bit product that wraps for huge tables: the bit rates are computed
+    // from it, and programs that read the report depend on those values.
     sample_total = static_cast<uint32_t>(sampleSize * sample_count);
     return;
   }
