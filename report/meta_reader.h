@@ -11,7 +11,7 @@
 #include "exif/exif_parser.h"
 #include "report/sondex_probe.h"
 #include "report/view_heading.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 #include "sensor/yaw_stabilizer.h"
 
 class MetaReader {
@@ -34,10 +34,6 @@ class MetaReader {
   bool parse_JPEG(const wchar_t* path, bool dump);
   bool parse_DNG(const wchar_t* path, bool dump);
   void dumpToJSON_still(bool isDNG) const;
-
-  // The command line: argument mode or the request stream.
-  static int process(int argc, wchar_t** argv);
-  static void usage();
 
   std::wstring path;
   Sondex probe;

@@ -1,25 +1,16 @@
 // Yaw stabilisation: a per-sample yaw table built either from the camera's
 // own yaw corrections (KDTI) or by integrating the gyro log re-anchored on
-// gravity; the stabilisation setting of the maker note mapped to a yaw
-// mode; and the camera generation derived from the model text.
+// gravity; and the stabilisation setting of the maker note mapped to a yaw
+// mode.
 #pragma once
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
+#include "exif/camera_model.h"
 #include "exif/exif_parser.h"
-#include "sensor/accel_sensor_stream.h"
-
-namespace MetaBuilder {
-
-// Camera generation code; 0 is an unknown camera.
-using CAMERA_VERSION = uint32_t;
-
-CAMERA_VERSION camera_version(const std::string& model);
-
-}  // namespace MetaBuilder
+#include "sensor/sample_loaders.h"
 
 class VideoStabilizationMode {
  public:

@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "exif/camera_model.h"
 #include "sensor/yaw_stabilizer.h"
 #include "tests/support/movie.h"
 #include "tests/support/sensor_boxes.h"

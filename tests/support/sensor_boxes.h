@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_records.h"
 #include "tests/support/mp4_builder.h"
 
 namespace sondex::test {
