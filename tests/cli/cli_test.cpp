@@ -238,12 +238,11 @@ TEST_F(Cli, ADriverWaitingForEachAnswerNeverStalls) {
   const pid_t pid = spawnSondex({}, in[0], out[1], 2);
   close(in[0]);
   close(out[1]);
-  const std::string nope = dir_.file("nope.mp4"), dump = "\t" + dir_.file("d.json");
+  const std::string nope = dir_.file("nope.mp4");
   for (const auto& [request, answer] :
-       std::vector<std::pair<std::string, std::string>>{{sample("sample.mp4") + dump, movie_},
+       std::vector<std::pair<std::string, std::string>>{{sample("sample.mp4"), movie_},
                                                         {nope, failedOpen(nope) + failedOpen(nope) + kFailed},
-                                                        {sample("sample.jpg"), jpg_},
-                                                        {sample("sample.mp4"), movie_}}) {
+                                                        {sample("sample.jpg"), jpg_}}) {
     ASSERT_EQ(write(in[1], (request + "\n").data(), request.size() + 1), static_cast<ssize_t>(request.size() + 1));
     std::string got(answer.size(), '\0');
     pollfd ready = {out[0], POLLIN, 0};
@@ -256,7 +255,6 @@ TEST_F(Cli, ADriverWaitingForEachAnswerNeverStalls) {
   int status = -1;
   waitpid(pid, &status, 0);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(readText(dir_.file("d.json")), golden("sample.kdtd.json"));
 }
 
 // FFmpeg spends 30-40 s of CPU opening this movie: it is given up after 2 s in both modes.
@@ -363,10 +361,9 @@ TEST(Set1, AFailedRewriteLeavesEverythingAsItWas) {
     std::string message;
   } rows[] = {
       // The limit stops the append before its first byte and after one.
-      {"", "", sample.size(), append},     {"", "", sample.size() + 1, append},
+      {"", "", sample.size(), append}, {"", "", sample.size() + 1, append},
       {"", "tail", 2048, rebuild},  // bytes after the last box rule out the append
-      {"file", "tail", 0, taken},          {"link", "tail", 0, taken},
-      {"dangling link", "tail", 0, taken},
+      {"file", "tail", 0, taken},      {"link", "tail", 0, taken},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.message + row.standing);
