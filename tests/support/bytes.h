@@ -1,4 +1,4 @@
-// Byte writers for the fixture builders: big-endian unless told otherwise.
+// Byte writers for the fixture builders: big-endian (as a sensor box marked 0x3210) unless told otherwise.
 #pragma once
 
 #include <bit>
@@ -11,7 +11,6 @@ namespace sondex::test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Byte orders of the builders (a sensor box marked 0x3210 is big-endian).
 inline constexpr bool kBigEndian = true;
 inline constexpr bool kLittleEndian = false;
 

@@ -2,6 +2,8 @@
 
 namespace sondex::test {
 
+Box::Box(const std::string& type) : type_(type) {}
+
 Box Box::full(const std::string& type, uint8_t version, uint32_t flags) { return Box(type).u8(version).u24(flags); }
 
 Bytes Box::build() const {

@@ -11,7 +11,7 @@ namespace sondex::test {
 
 class Box : public ByteWriter {
  public:
-  explicit Box(const std::string& type) : type_(type) {}
+  explicit Box(const std::string& type);
   // A full box: version and 24-bit flags open the payload.
   static Box full(const std::string& type, uint8_t version, uint32_t flags);
 
