@@ -61,21 +61,17 @@ std::string walk(const Block& b) {
 // The walks with every line that repeats the line at the same place in the walk above replaced by a count, so
 // that the golden file shows what each block changes (and still pins every line).
 std::string elideRepeats(const std::vector<std::string>& walks) {
-  std::vector<std::string> above, lines;
+  std::vector<std::string> above;
   std::string out;
   for (const std::string& walk : walks) {
+    std::vector<std::string> lines;
     std::istringstream in(walk);
-    lines.clear();
     for (std::string line; std::getline(in, line);) lines.push_back(line);
-    size_t same = 0;
-    for (size_t i = 0; i <= lines.size(); ++i) {
-      if (i > 0 && i < lines.size() && i < above.size() && lines[i] == above[i]) {
-        ++same;
-        continue;
-      }
-      if (same > 0) out += "   (" + std::to_string(same) + " lines as above)\n";
-      if (i < lines.size()) out += lines[i] + "\n";
-      same = 0;
+    for (size_t i = 0, same = 0; i <= lines.size(); ++i) {
+      const bool repeated = i > 0 && i < lines.size() && i < above.size() && lines[i] == above[i];
+      if (!repeated && same > 0) out += "   (" + std::to_string(same) + " lines as above)\n";
+      if (!repeated && i < lines.size()) out += lines[i] + "\n";
+      same = repeated ? same + 1 : 0;
     }
     above = lines;
   }

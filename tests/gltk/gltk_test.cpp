@@ -53,10 +53,7 @@ TEST(FileIO, FailuresPrintOneLineEachAndWritesKeepThePosition) {
 TEST(Wchar, ConvertsUtf8UpTo2048CharactersAndStopsAtAZeroOrAnInvalidSequence) {
   using namespace GLTK::wchar;
   EXPECT_EQ(mbs2wcs("caf\xC3\xA9 \xE6\x97\xA5"), L"caf\u00e9 \u65e5");
-  for (const std::string& cut : {std::string("ab\0cd", 5),
-                                 std::string("ab\xFF"
-                                             "cd"),
-                                 std::string("ab\xC3")}) {
+  for (const std::string& cut : {std::string("ab\0cd", 5), std::string("ab\xFF") + "cd", std::string("ab\xC3")}) {
     EXPECT_EQ(mbs2wcs(cut), L"ab");
   }
   EXPECT_EQ(std::tuple(mbs2wcs(std::string(2048, 'a')).size(), mbs2wcs(std::string(3000, 'a')).size()),

@@ -101,14 +101,8 @@ TEST(TypedBoxes, EveryBoxPrintsOneIndentedDumpLineAndKeepsItsFields) {
           "MP4: <'uuid': start=1506 bytes=28 uuid=FFCC8263-F855-4A93-8814-587A02521FDD >\nMP4: <'mdat': start=1534 "
           "bytes=11 >\n");
   const auto mvhds = findAll(*movie, "moov.mvhd");
-  const auto* stts = findTyped<MP4::STTS>(*movie, (std::string(kStbl) + "stts").c_str());
-  const auto* stsc = findTyped<MP4::STSC>(*movie, (std::string(kStbl) + "stsc").c_str());
-  EXPECT_EQ(std::make_tuple(static_cast<MP4::MVHD*>(mvhds[0])->duration, static_cast<MP4::MVHD*>(mvhds[1])->duration,
-                            stts->entries.size(), stts->entry(0).sample_delta, stts->entry(2).sample_count,
-                            stsc->entries.size(), stsc->entry(0).samples_per_chunk,
-                            findTyped<MP4::LOCI>(*movie, "moov.udta.loci")->hasAltitude),
-            std::make_tuple(2.5f, static_cast<float>(0x9000000000000000ULL) / 1000.0f, size_t{1}, 1001u, 0u, size_t{1},
-                            2u, false));
+  EXPECT_EQ(std::make_pair(static_cast<MP4::MVHD*>(mvhds[0])->duration, static_cast<MP4::MVHD*>(mvhds[1])->duration),
+            std::make_pair(2.5f, static_cast<float>(0x9000000000000000ULL) / 1000.0f));
   EXPECT_EQ(static_cast<MP4::AVCC*>(findAll(*movie, (std::string(kStbl) + "stsd.avc1.avcC").c_str())[1])->payload,
             ByteArray("\x09", 1));
 }

@@ -47,8 +47,7 @@ TEST(DumpToJSON, WholeLinesWithTheTailUnderItsConditions) {
             head +
                 "false, \"type\":\"equi\", \"codec\":\"unknown\", \"decodable\":false, "
                 "\"hasSpatialSound\":false, \"hasSA3DSound\":false, \"duration\":0.00, \"videoBitRate\":0}\n");
-  for (const auto& [version, projection, type] :
-       {std::tuple(1u, 0, "unknown"), {1u, 1, "equi"}, {0u, 3, "unknown"}, {0u, 0, "equi"}}) {
+  for (const auto& [version, projection, type] : {std::tuple(1u, 0, "unknown"), {1u, 1, "equi"}, {0u, 3, "unknown"}}) {
     std::tie(reader.probe.cameraVersion, reader.probe.record.projectionType) = std::tuple(version, projection);
     EXPECT_NE(movieLine(reader).find(std::string("\"type\":\"") + type + "\""), std::string::npos) << type;
   }
@@ -71,8 +70,6 @@ TEST(DumpToJSON, WholeLinesWithTheTailUnderItsConditions) {
           "\"topBottomCorrection\":false, \"dxvaDecodable\":false, \"directionLocked\":false, "
           "\"videoStabilization\":0, "
           "\"KDTDSamplingRate\":30, \"KDTBSamplingRate\":200, \"KDTCSamplingRate\":29, \"videoQuality\":\"normal\"}\n");
-  reader.probe.codec = 2;
-  EXPECT_NE(movieLine(reader).find("\"codec\":\"H265\""), std::string::npos);
 }
 
 TEST(DumpXYZT, OneObjectPerLineInBlocksAndAFailureRemovesTheFile) {
@@ -134,14 +131,10 @@ TEST(StillReader, FailuresPrintTheirLineAndLeaveNothingBehind) {
     EXPECT_EQ(path.ends_with("jpg") ? reader.parse_JPEG(wide.c_str(), dump) : reader.parse_DNG(wide.c_str(), dump), ok);
     return console.text();
   };
-  for (const auto& [file, line] : std::vector<std::pair<std::string, std::string>>{
-           {far, "ExifParser::attachJPEG() for '" + far + "' failed - Invalid position\n"},
-           {dir.write("e.jpg", {}), "FileIO.read(" + dir.file("e.jpg") + ") failed.\n"},
-           {dir.file("no.jpg"), "open(" + dir.file("no.jpg") + ", 'r') failed.\n"}}) {
-    EXPECT_EQ(parse(jpg, true), "");
-    EXPECT_EQ(parse(file, false), line);
-    EXPECT_EQ(reader.stillRecord.cpuVersion, "");
-  }
+  EXPECT_EQ(parse(jpg, true), "");
+  EXPECT_EQ(parse(far, false), "ExifParser::attachJPEG() for '" + far + "' failed - Invalid position\n");
+  EXPECT_EQ(reader.stillRecord.cpuVersion, "");  // a failed still leaves no record behind
+  EXPECT_EQ(parse(dir.write("e.jpg", {}), false), "FileIO.read(" + dir.file("e.jpg") + ") failed.\n");
   ExifParser locate;  // the record reads but the dump runs off the buffer: still a success
   locate.attachBytes(jpeg.data(), jpeg.size());
   locate.seekToZEPRA();
@@ -178,18 +171,12 @@ TEST(MovieDescription, DecodableExactlyWhenTheBuildDecodesTheMovie) {
 #endif
   TempDir dir;
   const std::string video = "-f lavfi -i testsrc=size=384x192:rate=30000/1001 -t 1 -c:v ";
-  const std::tuple<const char*, std::string, bool> cases[] = {
-      {"h264.mp4", video + "libx264", true},
-      {"h265.mp4", video + "libx265 -x265-params log-level=none", true},
-      {"mpeg4.mp4", video + "mpeg4", true},
-      {"vp9.mp4", video + "libvpx-vp9 -deadline realtime -cpu-used 8", true},
-      {"prores.mov", video + "prores_ks", true},
-      {"mjpeg.mp4", video + "mjpeg", true},
-      {"mpeg2.mp4", video + "mpeg2video", kAll},
-      {"av1.mp4", video + "libaom-av1 -cpu-used 8", kAll},
-      {"audio.mp4", "-f lavfi -i sine -t 1 -c:a aac", false},
-      {"still.jpg", video + "mjpeg -frames:v 1", false},
-      {"other.mkv", video + "libx264", false}};
+  const std::tuple<const char*, std::string, bool> cases[] = {{"h264.mp4", video + "libx264", true},
+                                                              {"mpeg4.mp4", video + "mpeg4", true},
+                                                              {"mpeg2.mp4", video + "mpeg2video", kAll},
+                                                              {"audio.mp4", "-f lavfi -i sine -t 1 -c:a aac", false},
+                                                              {"still.jpg", video + "mjpeg -frames:v 1", false},
+                                                              {"other.mkv", video + "libx264", false}};
   for (const auto& [file, options, decodable] : cases) {
     run("ffmpeg -v error -y " + options + " '" + dir.file(file) + "'");
     MovieDescription d;

@@ -1,6 +1,7 @@
-// Byte writers for the fixture builders: big-endian unless told otherwise.
+// Byte writers for the fixture builders: big-endian (as a sensor box marked 0x3210) unless told otherwise.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -10,7 +11,6 @@ namespace sondex::test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Byte orders of the builders (a sensor box marked 0x3210 is big-endian).
 inline constexpr bool kBigEndian = true;
 inline constexpr bool kLittleEndian = false;
 
@@ -24,10 +24,9 @@ class ByteWriter {
   ByteWriter& u32(uint32_t v) { return uint(v, 4); }
   ByteWriter& u64(uint64_t v) { return uint(v, 8); }
   ByteWriter& i16(int16_t v) { return uint(static_cast<uint16_t>(v), 2); }
-  ByteWriter& i32(int32_t v) { return uint(static_cast<uint32_t>(v), 4); }
-  ByteWriter& f32(float v);
+  ByteWriter& f32(float v) { return u32(std::bit_cast<uint32_t>(v)); }
   // Signed 16.16 fixed point.
-  ByteWriter& fixed(double v) { return i32(static_cast<int32_t>(v * 65536.0)); }
+  ByteWriter& fixed(double v) { return u32(static_cast<uint32_t>(static_cast<int32_t>(v * 65536.0))); }
   ByteWriter& str(const std::string& text) { return bytes(Bytes(text.begin(), text.end())); }
   ByteWriter& bytes(const Bytes& more) { return data_.insert(data_.end(), more.begin(), more.end()), *this; }
   ByteWriter& bytes(std::initializer_list<uint8_t> more) { return data_.insert(data_.end(), more), *this; }
@@ -43,7 +42,7 @@ class ByteWriter {
   Bytes data_;
 };
 
-// Hex text ("01 ab FF", blanks optional) to bytes, and bytes to "01 AB FF".
+// Hex text ("01 ab FF", blanks between bytes optional) to bytes, and bytes to "01 AB FF".
 Bytes fromHex(const std::string& hex);
 std::string toHex(const Bytes& bytes);
 

@@ -6,8 +6,6 @@
 #include "mp4/boxes.h"
 #include "tests/support/movie.h"
 #include "tests/support/mp4_builder.h"
-#include "tests/support/sensor_boxes.h"
-#include "tests/support/tiff_builder.h"
 
 namespace sondex::test {
 
@@ -27,34 +25,23 @@ Bytes xmpUsertype() {
 }
 
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov) {
+  auto element = [](const std::string& name, const std::string& value) {
+    return "  <GSpherical:" + name + ">" + value + "</GSpherical:" + name + ">\n";
+  };
   return "<?xml version=\"1.0\"?><rdf:SphericalVideo\nxmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
-         "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n"
-         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
-         "  <GSpherical:StitchingSoftware>" +
-         software +
-         "</GSpherical:StitchingSoftware>\n"
-         "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n"
-         "  <GSpherical:InitialViewHeadingDegrees>" +
-         std::to_string(heading) +
-         "</GSpherical:InitialViewHeadingDegrees>\n"
-         "  <GSpherical:InitialViewPitchDegrees>" +
-         std::to_string(pitch) +
-         "</GSpherical:InitialViewPitchDegrees>\n"
-         "  <GSpherical:InitialHorizontalFOVDegrees>" +
-         std::to_string(fov) +
-         "</GSpherical:InitialHorizontalFOVDegrees>\n"
-         "</rdf:SphericalVideo>";
+         "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n" +
+         element("Spherical", "true") + element("Stitched", "true") + element("StitchingSoftware", software) +
+         element("ProjectionType", "equirectangular") + element("InitialViewHeadingDegrees", std::to_string(heading)) +
+         element("InitialViewPitchDegrees", std::to_string(pitch)) +
+         element("InitialHorizontalFOVDegrees", std::to_string(fov)) + "</rdf:SphericalVideo>";
 }
 
 std::string xmpText(const std::string& creatorTool) {
-  return "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
-         "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
-         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n  <rdf:Description rdf:about=\"\" "
-         "xmlns:x=\"adobe:ns:meta/\">\n"
-         "   <x:CreatorTool>" +
-         creatorTool +
-         "</x:CreatorTool>\n"
-         "  </rdf:Description>\n </rdf:RDF>\n</x:xmpmeta>\n<?xpacket end=\"w\"?>";
+  const std::string description = "  <rdf:Description rdf:about=\"\" xmlns:x=\"adobe:ns:meta/\">\n";
+  return "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
+         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n" +
+         description + "   <x:CreatorTool>" + creatorTool +
+         "</x:CreatorTool>\n  </rdf:Description>\n </rdf:RDF>\n</x:xmpmeta>\n<?xpacket end=\"w\"?>";
 }
 
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
@@ -88,11 +75,9 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   if (!boxes.sphericalXml.empty()) {
     const MP4::BOX* trak = parsed->videoTrak;
     if (trak == nullptr) throw std::invalid_argument("movie without a video track");
-    inserts.emplace_back(trak->end(), Box("uuid")
-                                          .bytes({0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58,
-                                                  0x7A, 0x02, 0x52, 0x1F, 0xDD})
-                                          .str(boxes.sphericalXml)
-                                          .build());
+    const Bytes usertype = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93,
+                            0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
+    inserts.emplace_back(trak->end(), Box("uuid").bytes(usertype).str(boxes.sphericalXml).build());
     grow(*trak, inserts.back().second.size());
     moovGrowth += inserts.back().second.size();
   }
@@ -122,19 +107,6 @@ Bytes ffmpegMovie(const std::string& options, double seconds) {
   run("ffmpeg -v error -y -f lavfi -i testsrc=size=384x192:rate=30 -t " + std::to_string(seconds) + " -threads 1 " +
       options + " '" + path + "'");
   return readFile(path);
-}
-
-CameraBoxes turningCameraBoxes(const std::string& stitcher) {
-  const SensorLog log = turningCamera(1.0, 0.5);
-  CameraBoxes boxes;
-  boxes.model = "KORVU ZEPRA N2";
-  boxes.makerNote = TiffBuilder(kBigEndian).build(cameraIfd0(cameraMakerNote(), "KORVU ZEPRA N2", "2.00.1"));
-  boxes.udta = {SampleBox("KDTB").rate(200).add(log.gyro).build(), SampleBox("KDTC").rate(30).add(log.compass).build(),
-                SampleBox("KDTD").rate(30).add(log.gravity).build(), SampleBox("KDTG").add(log.stamps).build()};
-  boxes.location = "+48.8584+002.2945/";
-  boxes.sphericalXml = sphericalXmlText(stitcher, -45, 10, 100);
-  boxes.xmp = xmpText("Editor 7");
-  return boxes;
 }
 
 }  // namespace sondex::test

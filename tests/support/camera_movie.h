@@ -23,10 +23,6 @@ Bytes xmpUsertype();  // the extended type of the XMP uuid box
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov);
 std::string xmpText(const std::string& creatorTool);
 
-// The boxes of a "KORVU ZEPRA N2" turning at half a radian per second for a
-// second: maker note, sensor logs, location, spherical XML and XMP.
-CameraBoxes turningCameraBoxes(const std::string& stitcher);
-
 // The movie with the camera's boxes added: the user data into moov.udta, the
 // spherical XML into the video track, the XMP after the movie box.
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes);

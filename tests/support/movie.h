@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "mp4/box.h"
 #include "mp4/container.h"
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"

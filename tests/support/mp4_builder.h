@@ -1,6 +1,5 @@
-// A readable builder for MP4 boxes; the size is patched in when the box is
-// built, unless rawSize() or largeSize() writes a header form on purpose:
-//   Box("moov").child(Box("udta").child(Box("KMKN").bytes(note))).build();
+// A readable builder for MP4 boxes of four-byte types ("\xA9xyz" is fine), Box("moov").child(Box("udta")).build();
+// the size is patched in when the box is built, unless rawSize() or largeSize() asks for a header form.
 #pragma once
 
 #include <optional>
@@ -12,7 +11,6 @@ namespace sondex::test {
 
 class Box : public ByteWriter {
  public:
-  // type is four characters; "\xA9xyz" and the like are fine.
   explicit Box(const std::string& type);
   // A full box: version and 24-bit flags open the payload.
   static Box full(const std::string& type, uint8_t version, uint32_t flags);
@@ -20,8 +18,8 @@ class Box : public ByteWriter {
   Box& child(const Box& box) { return bytes(box.build()); }
   // Write this value in the 32-bit size field instead of the real size.
   Box& rawSize(uint32_t size) { return rawSize_ = size, *this; }
-  // The 64-bit header form (size field 1); the large size is the real one unless given.
-  Box& largeSize(std::optional<uint64_t> size = std::nullopt) { return large_ = true, largeValue_ = size, *this; }
+  // The 64-bit header form (size field 1, then the real size).
+  Box& largeSize() { return large_ = true, *this; }
 
   Box& u8(uint8_t v) { return as(ByteWriter::u8(v)); }
   Box& u16(uint16_t v) { return as(ByteWriter::u16(v)); }
@@ -42,7 +40,6 @@ class Box : public ByteWriter {
   std::string type_;
   std::optional<uint32_t> rawSize_;
   bool large_ = false;
-  std::optional<uint64_t> largeValue_;
 };
 
 Box mvhd(uint32_t timeScale, uint32_t duration, uint32_t creation = 0);
@@ -52,7 +49,6 @@ Box mdhd(uint32_t timeScale, uint32_t duration, uint32_t creation = 0);
 Box avc1(uint16_t width, uint16_t height);
 // A "trak" holding tkhd, mdia/mdhd and mdia/minf/stbl with the given stbl children.
 Box videoTrak(uint32_t width, uint32_t height, const Box& stsd, const Bytes& otherStblChildren = {});
-// Concatenation of top-level boxes.
 Bytes concat(std::initializer_list<Bytes> parts);
 
 }  // namespace sondex::test

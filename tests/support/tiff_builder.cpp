@@ -5,10 +5,9 @@
 namespace sondex::test {
 
 // Lays directories out one after another, each followed by its own data;
-// offsets written count from the block's start, where out[0] lies at origin.
+// offsets written count from the block's start, out[0].
 struct TiffLayout {
   bool big;
-  uint32_t origin;
   Bytes out;
 
   void set(size_t pos, const Bytes& bytes) { std::copy(bytes.begin(), bytes.end(), out.begin() + ptrdiff_t(pos)); }
@@ -34,7 +33,7 @@ Ifd& Ifd::data(uint16_t tag, uint16_t type, int unit, const std::vector<uint32_t
   return add(tag, type, [=](TiffLayout& l, size_t field) {
     ByteWriter w(l.big);
     for (uint32_t v : elements) unit == 1 ? w.u8(uint8_t(v)) : unit == 2 ? w.u16(uint16_t(v)) : w.u32(v);
-    w.size() <= 4 ? l.set(field, w.data()) : l.put(field, l.origin + l.append(w.data()));
+    w.size() <= 4 ? l.set(field, w.data()) : l.put(field, l.append(w.data()));
     return uint32_t(count);
   });
 }
@@ -43,8 +42,8 @@ Ifd& Ifd::subs(uint16_t tag, const std::vector<Ifd>& children) {
   return add(tag, kLong, [children](TiffLayout& l, size_t field) {
     // One pointer stands in the entry; more go to an array after the directory.
     const size_t n = children.size(), array = n == 1 ? field : l.append(Bytes(4 * n, 0));
-    if (n != 1) l.put(field, uint32_t(l.origin + array));
-    for (size_t j = 0; j < n; ++j) l.put(array + 4 * j, l.origin + l.place(children[j]));
+    if (n != 1) l.put(field, uint32_t(array));
+    for (size_t j = 0; j < n; ++j) l.put(array + 4 * j, l.place(children[j]));
     return uint32_t(n);
   });
 }
@@ -53,13 +52,13 @@ Ifd& Ifd::makerNote(uint16_t tag, const Ifd& child, const std::string& signature
   return add(tag, kUndefined, [child, signature](TiffLayout& l, size_t field) {
     const uint32_t start = l.append({signature.begin(), signature.end()});
     l.place(child);
-    l.put(field, l.origin + start);
+    l.put(field, start);
     return uint32_t(l.out.size() - start);
   });
 }
 
 Ifd& Ifd::offsetOf(uint16_t tag, const Bytes& data) {
-  return add(tag, kLong, [data](TiffLayout& l, size_t field) { return l.put(field, l.origin + l.append(data)), 1u; });
+  return add(tag, kLong, [data](TiffLayout& l, size_t field) { return l.put(field, l.append(data)), 1u; });
 }
 
 Ifd& Ifd::raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value) {
@@ -67,30 +66,20 @@ Ifd& Ifd::raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value) {
 }
 
 Bytes TiffBuilder::build(const Ifd& ifd0) const {
-  return TiffLayout{bigEndian, 0, ByteWriter(bigEndian).u16(bigEndian ? 0x4D4D : 0x4949).u16(42).u32(8).data()}.done(
-      ifd0);
+  return TiffLayout{bigEndian, ByteWriter(bigEndian).u16(bigEndian ? 0x4D4D : 0x4949).u16(42).u32(8).data()}.done(ifd0);
 }
-Bytes TiffBuilder::buildAt(const Ifd& ifd, uint32_t at) const { return TiffLayout{bigEndian, at, {}}.done(ifd); }
 Bytes TiffBuilder::buildMakerNote(const Ifd& ifd) const {
-  return TiffLayout{bigEndian, 0, {'K', 'o', 'r', 'v', 'u', 0, 0, 0}}.done(ifd);
+  return TiffLayout{bigEndian, {'K', 'o', 'r', 'v', 'u', 0, 0, 0}}.done(ifd);
 }
 
+// Roll -15, pitch 3.25, yaw 123.25; stitching tables, fisheye centres, 29.97 Hz; stabilisation 3.
 Ifd cameraZepra() {
-  return Ifd()
-      .shorts(0x0001, {2})
-      .shorts(0x0002, {0})
-      .srationals(0x0003, {-150, 10, 325, 100})  // roll -15, pitch 3.25
-      .rationals(0x0004, {12325, 100})           // yaw 123.25
-      .shorts(0x0005, {3})
-      .shorts(0x0007, {1})
-      .shorts(0x0013, {1})
-      .bytes(0x0201, kUndefined, Bytes(24, 0xA1))
-      .bytes(0x0202, kUndefined, Bytes(40, 0xA2))
-      .shorts(0x0203, {1})
-      .shorts(0x0204, {960, 950})
-      .shorts(0x0205, {1920, 940})
-      .rationals(0x0206, {30000, 1001})
-      .shorts(0x1014, {3});
+  Ifd zepra;
+  zepra.shorts(0x0001, {2}).shorts(0x0002, {0}).srationals(0x0003, {-150, 10, 325, 100});
+  zepra.rationals(0x0004, {12325, 100}).shorts(0x0005, {3}).shorts(0x0007, {1}).shorts(0x0013, {1});
+  zepra.bytes(0x0201, kUndefined, Bytes(24, 0xA1)).bytes(0x0202, kUndefined, Bytes(40, 0xA2)).shorts(0x0203, {1});
+  zepra.shorts(0x0204, {960, 950}).shorts(0x0205, {1920, 940}).rationals(0x0206, {30000, 1001}).shorts(0x1014, {3});
+  return zepra;
 }
 
 Ifd cameraMakerNote(const Ifd& zepra) {
@@ -98,27 +87,18 @@ Ifd cameraMakerNote(const Ifd& zepra) {
 }
 
 Ifd cameraIfd0(const Ifd& makerNote, const std::string& model, const std::string& software) {
-  return Ifd()
-      .ascii(0x0110, model)
-      .ascii(0x0131, software)
-      .sub(0x8769, Ifd().bytes(0x9000, kUndefined, {'0', '2', '3', '0'}).makerNote(0x927C, makerNote));
+  const Ifd exif = Ifd().bytes(0x9000, kUndefined, {'0', '2', '3', '0'}).makerNote(0x927C, makerNote);
+  return Ifd().ascii(0x0110, model).ascii(0x0131, software).sub(0x8769, exif);
 }
 
 Ifd cameraDngIfd0(const Ifd& preview, const Ifd& makerNote) {
-  return Ifd()
-      .ascii(0x0110, "KV-360 S1")
-      .ascii(0x0131, "KV-360 Ver 1.20")
-      .subs(0x014A, {Ifd().longs(0x00FE, {0}), preview})
-      .sub(0x8769, Ifd().makerNote(0x927C, makerNote))
-      .bytes(0xC612, kByte, {1, 4, 0, 0});
+  Ifd ifd0 = Ifd().ascii(0x0110, "KV-360 S1").ascii(0x0131, "KV-360 Ver 1.20");
+  ifd0.subs(0x014A, {Ifd().longs(0x00FE, {0}), preview}).sub(0x8769, Ifd().makerNote(0x927C, makerNote));
+  return ifd0.bytes(0xC612, kByte, {1, 4, 0, 0});
 }
 
 Ifd previewIfd(const Bytes& jpeg) {
-  return Ifd()
-      .longs(0x00FE, {1})
-      .shorts(0x0103, {7})
-      .offsetOf(0x0111, jpeg)
-      .longs(0x0117, {static_cast<uint32_t>(jpeg.size())});
+  return Ifd().longs(0x00FE, {1}).shorts(0x0103, {7}).offsetOf(0x0111, jpeg).longs(0x0117, {uint32_t(jpeg.size())});
 }
 
 Bytes jpegSegment(uint16_t marker, const Bytes& payload) {
@@ -131,8 +111,7 @@ static Bytes exifSegment(const Bytes& tiff) {
 }
 
 Bytes jpegWithExif(const Bytes& tiff, const std::vector<Bytes>& segmentsBefore) {
-  ByteWriter w;
-  w.u16(0xFFD8);
+  ByteWriter w = ByteWriter().u16(0xFFD8);
   for (const Bytes& segment : segmentsBefore) w.bytes(segment);
   return w.bytes(exifSegment(tiff)).u16(0xFFD9).data();
 }

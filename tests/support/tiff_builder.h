@@ -1,7 +1,6 @@
 // A builder for TIFF/Exif blocks in either byte order, e.g.
 //   jpegWithExif(TiffBuilder().build(Ifd().ascii(0x0110, "M").sub(0x8769, Ifd().makerNote(0x927C, ...))))
-// Each directory is followed by its out-of-line data and the directories it
-// points at; raw() writes wrong types, counts and offsets for hostile cases.
+// Each directory is followed by its data and child directories; raw() writes hostile entries.
 #pragma once
 
 #include <cstdint>
@@ -29,9 +28,7 @@ class Ifd {
   Ifd& rationals(uint16_t tag, std::vector<uint32_t> p, uint16_t type = kRational) {
     return data(tag, type, 4, p, p.size() / 2);
   }
-  Ifd& srationals(uint16_t tag, const std::vector<int32_t>& p) {
-    return rationals(tag, {p.begin(), p.end()}, kSRational);
-  }
+  Ifd& srationals(uint16_t tag, std::vector<int32_t> p) { return rationals(tag, {p.begin(), p.end()}, kSRational); }
   Ifd& sub(uint16_t tag, const Ifd& child) { return subs(tag, {child}); }  // a LONG pointer to a child directory
   Ifd& subs(uint16_t tag, const std::vector<Ifd>& children);               // LONG[n] pointers (SubIFDs)
   // An UNDEFINED maker note: the signature, then the directory right after it.
@@ -39,8 +36,7 @@ class Ifd {
   Ifd& offsetOf(uint16_t tag, const Bytes& data);  // a LONG[1]: the offset of data placed after the directory
   Ifd& raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value);  // exactly as given
 
-  // place() lays an entry's data out at the block's end, fills its value field (at the offset given), returns its
-  // count.
+  // place() lays the entry's data out, fills its value field (at the offset given) and returns its count.
   using Place = std::function<uint32_t(TiffLayout&, size_t)>;
   struct Entry {
     uint16_t tag, type;
@@ -57,8 +53,6 @@ struct TiffBuilder {
   explicit TiffBuilder(bool big = kBigEndian) : bigEndian(big) {}
   // The TIFF header at 0, then IFD0 at 8 with everything it points at.
   Bytes build(const Ifd& ifd0) const;
-  // ifd and all it points at, to be put at offset origin (even) of a block whose TIFF header is at 0.
-  Bytes buildAt(const Ifd& ifd, uint32_t origin) const;
   // A bare maker note: the signature, then the directory; offsets count from the signature.
   Bytes buildMakerNote(const Ifd& ifd) const;
   bool bigEndian;
