@@ -114,7 +114,16 @@ void SPS::process_stream(GolombBitStream& s, bool write) {
 
 bool HighProfileSpec::present_for(uint32_t profile_idc) {
   switch (profile_idc) {
-    case 100: case 110: case 122: case 244: case 44: case 83: case 86: case 118: case 128: case 138:
+    case 100:
+    case 110:
+    case 122:
+    case 244:
+    case 44:
+    case 83:
+    case 86:
+    case 118:
+    case 128:
+    case 138:
       return true;
     default:
       return false;

@@ -39,8 +39,8 @@ uint64_t BinFile::read(unsigned char* buffer, uint64_t n) {
     }
     const uint64_t rest = n - done;
     if (rest >= kWindow) {
-      const ssize_t got = pread(descriptor, buffer + done, std::min<uint64_t>(rest, 1ULL << 30),
-                                static_cast<off_t>(position));
+      const ssize_t got =
+          pread(descriptor, buffer + done, std::min<uint64_t>(rest, 1ULL << 30), static_cast<off_t>(position));
       if (got <= 0) break;
       done += static_cast<uint64_t>(got);
       position += static_cast<uint64_t>(got);
@@ -126,8 +126,7 @@ uint64_t BinFile::take_entries(std::vector<uint8_t>& out, uint64_t entrySize, ui
 uint64_t BinFile::storable_entries(uint64_t entrySize, uint64_t count) {
   if (count == 0 || entrySize == 0) return 0;
   // How many entries pass the guard one after another.
-  const uint64_t allowed =
-      fits(entrySize) ? std::min((limit - position - entrySize) / entrySize + 1, count) : 0;
+  const uint64_t allowed = fits(entrySize) ? std::min((limit - position - entrySize) / entrySize + 1, count) : 0;
   // Of those, only the ones that lie in the file are worth storing.
   const uint64_t fileEnd = length();
   const uint64_t inFile = fileEnd > position ? (fileEnd - position + entrySize - 1) / entrySize : 0;

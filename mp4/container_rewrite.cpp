@@ -136,8 +136,7 @@ bool Container::modifyContainer(const wchar_t* name,
     }
   }
   if (!ok) {
-    GLTK::Console::out(L"Container::modifyContainer::%ls(%ls to %ls) failed.\n", name, path.c_str(),
-                       temporary.c_str());
+    GLTK::Console::out(L"Container::modifyContainer::%ls(%ls to %ls) failed.\n", name, path.c_str(), temporary.c_str());
     if (created) GLTK::FileIO::unlink(temporary);
   }
   attach(path, ~0ULL);
@@ -216,8 +215,7 @@ AVCC* rewrittenAvcc(const Container& movie, bool fullRange, ByteArray& newBox) {
     bool wasConstrainedSet1 = false;
     bool assigned = false;
     try {
-      assigned =
-          avcc->assign_fullRange_and_constrained_set1_flag(record, fullRange, wasFullRange, wasConstrainedSet1);
+      assigned = avcc->assign_fullRange_and_constrained_set1_flag(record, fullRange, wasFullRange, wasConstrainedSet1);
     } catch (const std::out_of_range&) {
       assigned = false;  // a record without any SPS: nothing to rewrite
     }

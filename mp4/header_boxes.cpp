@@ -93,8 +93,8 @@ void MDHD::parseBox(BinFile& f, uint64_t limit) {
 
 void MDHD::dump() const {
   GLTK::Console::LocaleC scope;
-  GLTK::Console::out(L"MP4: %ls<%ls timeStamp=%lu duration=%f time_scale=%f >\n", indent().c_str(),
-                     basicTag().c_str(), static_cast<unsigned long>(timeStamp), static_cast<double>(duration),
+  GLTK::Console::out(L"MP4: %ls<%ls timeStamp=%lu duration=%f time_scale=%f >\n", indent().c_str(), basicTag().c_str(),
+                     static_cast<unsigned long>(timeStamp), static_cast<double>(duration),
                      static_cast<double>(timeScale));
 }
 

@@ -26,8 +26,8 @@ void XYZ::parseBox(BinFile& f, uint64_t limit) {
   textLength = f.read16();
   language = f.read16();
   // The text is capped at 512 bytes.
-  const int64_t n = static_cast<int32_t>(static_cast<uint32_t>(size)) < 524 ? static_cast<int64_t>(size) - 12
-                                                                             : kMaxXyzText;
+  const int64_t n =
+      static_cast<int32_t>(static_cast<uint32_t>(size)) < 524 ? static_cast<int64_t>(size) - 12 : kMaxXyzText;
   // A size below the header or one with the high bits set (n past the cap)
   // leaves no text.
   if (n <= 0 || n > kMaxXyzText + 12) return;

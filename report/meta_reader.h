@@ -20,12 +20,15 @@ class MetaReader {
   bool parse(const wchar_t* path);
   void dumpToJSON() const;
   template <class T>
-  bool dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& path, std::function<void(std::ostream&)> extra);
+  bool dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& path,
+                std::function<void(std::ostream&)> extra);
 
   // The three sample streams of the report and the dump files: gyro and
   // compass as recorded, gravity re-timed on KDTG.
   const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyroSamples() const { return sensorLogs.gyro.records; }
-  const GLTK::LargeVector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const { return sensorLogs.compass.records; }
+  const GLTK::LargeVector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const {
+    return sensorLogs.compass.records;
+  }
   const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravitySamples() const {
     return sensorLogs.retimed;
   }

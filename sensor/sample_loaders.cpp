@@ -31,7 +31,6 @@ constexpr uint16_t kBigEndianMark = 0x3210;
 // KDTG stamps are taken 4 ms before the KDTD clock they pace.
 constexpr uint64_t kKDTGOffset = 4000000;
 
-
 // Reads n bytes at the file's position in as few calls as the system needs;
 // returns how many arrived.
 uint64_t readFully(GLTK::FileIO& file, void* buffer, uint64_t n) {
@@ -77,8 +76,8 @@ SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char
   const uint64_t size = box->size;
   // "except" (for "expect") is kept as written: other programs match these lines.
   if (size < kHeaderSize) {
-    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(),
-                                  kHeaderSize, static_cast<uint32_t>(size));
+    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(), kHeaderSize,
+                                  static_cast<uint32_t>(size));
     return log;
   }
   uint8_t header[16] = {};
@@ -102,9 +101,9 @@ SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char
   // and pass; what is read is bounded by the box and the file anyway.
   const uint32_t needed = kHeaderSize + entryCount * recordSize;
   if (size < needed) {
-    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(),
-                                  kHeaderSize, static_cast<unsigned>(unitSize), entryCount, needed,
-                                  static_cast<uint32_t>(size));
+    log.complaint =
+        complaintLine(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(), kHeaderSize,
+                      static_cast<unsigned>(unitSize), entryCount, needed, static_cast<uint32_t>(size));
     return log;
   }
   log.samplingRate = rate;

@@ -38,8 +38,8 @@ class YawStabilizer {
   // onto the gravity samples; the table starts at 0. Drift is removed
   // unless lockDir; alternate negates the vertical and the result.
   void generate(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
-                const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir, bool alternate,
-                MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
+                const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
+                bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
   // The same integration walked along the gravity samples (no KDTG). The
   // frame rate stands in for the gravity rate when KDTD carries none.
   void generate_by_kdtd(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
