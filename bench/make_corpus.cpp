@@ -78,9 +78,9 @@ void makeFull(const std::string& out) {
       "-f lavfi -i testsrc2=size=3840x1920:rate=30 -f lavfi -i sine=frequency=440:sample_rate=48000 -t 3 ";
   writeFile(out + "/full/h264.mp4",
             encode(source + "-c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac -shortest"));
-  writeFile(out + "/full/h265.mp4", encode(source +
-                                           "-c:v libx265 -preset ultrafast -tag:v hvc1 -x265-params log-level=none "
-                                           "-pix_fmt yuv420p -c:a aac -shortest"));
+  writeFile(out + "/full/h265.mp4",
+            encode(source + "-c:v libx265 -preset ultrafast -tag:v hvc1 -x265-params log-level=none "
+                            "-pix_fmt yuv420p -c:a aac -shortest"));
 }
 
 }  // namespace

@@ -4,10 +4,10 @@
 #include <csignal>
 #include <cstring>
 
+#include "cli/process.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "report/describer_process.h"
-#include "report/meta_reader.h"
 
 int main(int argc, char** argv) {
   GLTK::Console::init_locale();
@@ -34,5 +34,5 @@ int main(int argc, char** argv) {
     mallopt(M_ARENA_MAX, 1);
     describer().runOnThreads();
   }
-  return MetaReader::process(argc, arguments) & 0xFF;
+  return cli::process(argc, arguments) & 0xFF;
 }

@@ -1,5 +1,5 @@
-// The command line: argument mode (one file and its options) and the
-// request stream (one tab-separated request per line of standard input).
+#include "cli/process.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,7 +9,6 @@
 #include "cli/process_file.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
-#include "report/meta_reader.h"
 
 namespace {
 
@@ -104,7 +103,9 @@ int requestStream() {
 
 }  // namespace
 
-void MetaReader::usage() {
+namespace cli {
+
+void usage() {
   GLTK::Console::out(
       L"\n"
       L"Sondex %ls\n"
@@ -116,7 +117,7 @@ void MetaReader::usage() {
       GLTK::wchar::mbs2wcs("2.8.3.2019.07.25").c_str(), GLTK::wchar::mbs2wcs("Sondex.osx").c_str());
 }
 
-int MetaReader::process(int argc, wchar_t** argv) {
+int process(int argc, wchar_t** argv) {
   std::setvbuf(stdout, nullptr, _IONBF, 0);
   std::setvbuf(stderr, nullptr, _IONBF, 0);
   if (argc < 2) return requestStream();
@@ -158,3 +159,5 @@ int MetaReader::process(int argc, wchar_t** argv) {
   usage();
   return 1;
 }
+
+}  // namespace cli

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 
 namespace {
@@ -255,15 +256,14 @@ uint16_t ExifParser::read16() {
   unsigned char b[2];
   read(b, sizeof b, cursor);
   cursor += sizeof b;
-  return bigEndian ? static_cast<uint16_t>(b[0] << 8 | b[1]) : static_cast<uint16_t>(b[1] << 8 | b[0]);
+  return bigEndian ? GLTK::loadBE16(b) : GLTK::loadLE16(b);
 }
 
 uint32_t ExifParser::read32() {
   unsigned char b[4];
   read(b, sizeof b, cursor);
   cursor += sizeof b;
-  if (bigEndian) return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
-  return uint32_t{b[3]} << 24 | uint32_t{b[2]} << 16 | uint32_t{b[1]} << 8 | b[0];
+  return bigEndian ? GLTK::loadBE32(b) : GLTK::loadLE32(b);
 }
 
 void ExifParser::readEntry(uint16_t& tag, uint16_t& type, uint32_t& count, uint32_t& value) {
@@ -304,7 +304,8 @@ bool ExifParser::find(uint16_t tag, const EntryHandler& fn) {
 
 uint16_t ExifParser::toUINT16(uint32_t value) const {
   // A SHORT is the upper half of the value word only in big-endian blocks.
-  // The message keeps its historical spelling: other programs match on it.
+  // The message is kept byte for byte, misspelling included: programs that
+  // read the output match on it.
   if (!bigEndian) throw "bigEndian reqired.";
   return static_cast<uint16_t>(value >> 16);
 }

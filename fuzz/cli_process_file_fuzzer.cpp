@@ -29,11 +29,11 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/process.h"
 #include "fuzz/fuzz_support.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "report/describer_process.h"
-#include "report/meta_reader.h"
 #include "report/movie_description.h"
 
 using namespace sondex::fuzz;
@@ -153,7 +153,7 @@ int requestStream(const std::string& lines) {
   wchar_t* argv[10] = {name};
   int status = -1;
   try {
-    status = MetaReader::process(1, argv);
+    status = cli::process(1, argv);
   } catch (...) {
     dup2(savedInput, 0);
     close(savedInput);
@@ -169,7 +169,7 @@ int argumentMode(const std::vector<std::wstring>& args) {
   all.insert(all.end(), args.begin(), args.end());
   wchar_t* argv[10] = {};
   for (size_t i = 0; i < all.size() && i < 10; ++i) argv[i] = all[i].data();
-  return MetaReader::process(static_cast<int>(all.size()), argv);
+  return cli::process(static_cast<int>(all.size()), argv);
 }
 
 void checkArgumentMode(int status, const std::string& text) {
@@ -200,7 +200,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   describer().describe(L"", none);
   g_output = new Output;
   GLTK::Console::set_sink(g_output->sink());
-  MetaReader::usage();
+  cli::usage();
   g_usage = g_output->take();
   return 0;
 }

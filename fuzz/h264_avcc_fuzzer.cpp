@@ -18,9 +18,7 @@ namespace {
 
 // An avcC box holding the payload, as the tree gives it.
 struct Box : MP4::AVCC {
-  explicit Box(const ByteArray& bytes) : MP4::AVCC(0, bytes.size() + 8, MP4::code("avcC"), nullptr) {
-    payload = bytes;
-  }
+  explicit Box(const ByteArray& bytes) : MP4::AVCC(0, bytes.size() + 8, MP4::code("avcC"), nullptr) { payload = bytes; }
 };
 
 // A parsed SPS written back unchanged is its own NAL unit again.

@@ -72,8 +72,8 @@ Bytes handMadeMovie(const Bytes& avcc, const Bytes& moreInMoov, const Bytes& mor
   const Box stsd = Box::full("stsd", 0, 0).u32(1).child(avc1(64, 32).child(Box("avcC").bytes(avcc)));
   const Bytes moov =
       Box("moov").child(mvhd(1000, 100)).child(videoTrak(64, 32, stsd, tables)).bytes(moreInMoov).build();
-  return concat({Box("ftyp").str("isom").u32(0x200).str("isom").build(), Box("mdat").zeros(32).build(), moov,
-                 moreAtEnd});
+  return concat(
+      {Box("ftyp").str("isom").u32(0x200).str("isom").build(), Box("mdat").zeros(32).build(), moov, moreAtEnd});
 }
 
 }  // namespace

@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/orientation.h"
+#include "sensor/sample_loaders.h"
 #include "sensor/yaw_stabilizer.h"
 
 using namespace sondex::fuzz;

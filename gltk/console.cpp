@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <clocale>
 #include <cstdarg>
 #include <cstdlib>
-#include <climits>
 #include <cwchar>
 #include <string>
 

@@ -16,9 +16,9 @@ void AVCC::parse(GolombBitStream& stream) {
   numOfSequenceParameterSets = stream.read8() & 31;
   for (int i = 0; i < numOfSequenceParameterSets; ++i) sequenceParameterSets.parse(stream);
   numOfPictureParameterSets = stream.read8();
-  // As many PPS entries as SPS entries: records have always been read this
-  // way (one of each is the usual case); PPS entries not read here end up
-  // in the trailing bytes.
+  // As many PPS entries are parsed as there are SPS entries (one of each is
+  // the usual case); further PPS entries stay in the trailing bytes and are
+  // written back unchanged, so no byte of the record is lost.
   for (int i = 0; i < numOfSequenceParameterSets; ++i) pictureParameterSets.parse(stream);
   stream.read_bytes(stream.remaining(), trailingBytes);
 }
@@ -114,7 +114,16 @@ void SPS::process_stream(GolombBitStream& s, bool write) {
 
 bool HighProfileSpec::present_for(uint32_t profile_idc) {
   switch (profile_idc) {
-    case 100: case 110: case 122: case 244: case 44: case 83: case 86: case 118: case 128: case 138:
+    case 100:
+    case 110:
+    case 122:
+    case 244:
+    case 44:
+    case 83:
+    case 86:
+    case 118:
+    case 128:
+    case 138:
       return true;
     default:
       return false;

@@ -2,6 +2,8 @@
 
 #include <bit>
 
+#include "gltk/byte_order.h"
+
 namespace {
 
 const char* const kNoMoreData = "no more data";
@@ -50,7 +52,7 @@ uint8_t BitStream::read8() {
 uint16_t BitStream::read16n() {
   require_byte_boundary();
   if (remaining() < 2) throw kNoMoreData;
-  const uint16_t value = static_cast<uint16_t>(pending_[head_] << 8 | pending_[head_ + 1]);
+  const uint16_t value = GLTK::loadBE16(&pending_[head_]);
   take_bytes(2);
   return value;
 }
@@ -96,7 +98,8 @@ void BitStream::write8(uint8_t byte) {
 
 void BitStream::write16n(uint16_t value) {
   require_byte_boundary();
-  const uint8_t bytes[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+  uint8_t bytes[2];
+  GLTK::storeBE(bytes, value, 2);
   pending_.append(bytes, 2);
 }
 

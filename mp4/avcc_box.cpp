@@ -21,8 +21,6 @@ void AVCC::parseBox(BinFile& f, uint64_t limit) {
   payload.resize(got > payload.size() ? 0 : got);
 }
 
-void AVCC::dump() const {
-  GLTK::Console::out(L"MP4: %ls<%ls >\n", indent().c_str(), basicTag().c_str());
-}
+void AVCC::dump() const { GLTK::Console::out(L"MP4: %ls<%ls >\n", indent().c_str(), basicTag().c_str()); }
 
 }  // namespace MP4

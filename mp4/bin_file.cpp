@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "gltk/byte_order.h"
+
 namespace MP4 {
 
 namespace {
@@ -37,8 +39,8 @@ uint64_t BinFile::read(unsigned char* buffer, uint64_t n) {
     }
     const uint64_t rest = n - done;
     if (rest >= kWindow) {
-      const ssize_t got = pread(descriptor, buffer + done, std::min<uint64_t>(rest, 1ULL << 30),
-                                static_cast<off_t>(position));
+      const ssize_t got =
+          pread(descriptor, buffer + done, std::min<uint64_t>(rest, 1ULL << 30), static_cast<off_t>(position));
       if (got <= 0) break;
       done += static_cast<uint64_t>(got);
       position += static_cast<uint64_t>(got);
@@ -98,14 +100,13 @@ uint8_t BinFile::read8() {
 uint16_t BinFile::read16() {
   uint8_t b[2];
   take(b, 2);
-  return static_cast<uint16_t>(b[0] << 8 | b[1]);
+  return GLTK::loadBE16(b);
 }
 
 uint32_t BinFile::read32() {
   uint8_t b[4];
   take(b, 4);
-  return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 |
-         b[3];
+  return GLTK::loadBE32(b);
 }
 
 uint64_t BinFile::read64() {
@@ -125,11 +126,7 @@ uint64_t BinFile::take_entries(std::vector<uint8_t>& out, uint64_t entrySize, ui
 uint64_t BinFile::storable_entries(uint64_t entrySize, uint64_t count) {
   if (count == 0 || entrySize == 0) return 0;
   // How many entries pass the guard one after another.
-  uint64_t allowed = count;
-  if (limit >= entrySize) {
-    allowed = position <= limit - entrySize ? (limit - entrySize - position) / entrySize + 1 : 0;
-    allowed = std::min(allowed, count);
-  }
+  const uint64_t allowed = fits(entrySize) ? std::min((limit - position - entrySize) / entrySize + 1, count) : 0;
   // Of those, only the ones that lie in the file are worth storing.
   const uint64_t fileEnd = length();
   const uint64_t inFile = fileEnd > position ? (fileEnd - position + entrySize - 1) / entrySize : 0;

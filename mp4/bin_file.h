@@ -1,7 +1,7 @@
 // MP4::BinFile: an open file seen by the box parser, with a read limit.
 // Every box field is read through a guarded read: an N-byte value is read
-// only when position <= limit - N (unsigned); otherwise nothing is read, the
-// position stays, and the value is 0. Bytes past the end of the file read
+// only when its N bytes end at or before the limit; otherwise nothing is
+// read, the position stays, and the value is 0. Bytes past the end of the file read
 // as 0 too. Reads are served from a window buffer so that parsing a tree
 // costs a handful of system calls, not one per field.
 #pragma once
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "gltk/byte_array.h"
+#include "gltk/checked_range.h"
 #include "gltk/file_io.h"
 
 namespace MP4 {
@@ -26,8 +27,9 @@ class BinFile : public GLTK::FileIO {
   bool seek_set(uint64_t offset) override;
   bool seek_cur(int64_t offset) override;
 
-  // True when an n-byte guarded read at the current position may go ahead.
-  bool fits(uint64_t n) const { return position <= limit - n; }
+  // True when an n-byte guarded read at the current position may go ahead:
+  // the n bytes end at or before the limit.
+  bool fits(uint64_t n) const { return GLTK::fits(position, n, limit); }
   // Guarded read of n raw bytes into dst (zero-filled first). Returns
   // whether the read took place.
   bool take(void* dst, uint64_t n);

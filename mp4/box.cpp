@@ -120,7 +120,7 @@ BOX::BOX(BinFile& f, int depth_, BOX* parent_) : depth(depth_), start(f.tell()),
 
 void BOX::parseBox(BinFile&, uint64_t) {}
 
-void BOX::enter(BinFile& f, uint64_t limit) const { f.limit = std::min(start + size, limit); }
+void BOX::enter(BinFile& f, uint64_t limit) const { f.limit = std::min(end(), limit); }
 
 std::wstring BOX::indent() const { return std::wstring(depth > 0 ? static_cast<size_t>(depth) * 4 : 0, L' '); }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "gltk/checked_range.h"
 #include "mp4/bin_file.h"
 
 namespace MP4 {
@@ -48,7 +49,7 @@ class BOX {
 
   bool is(const FourCC& other) const { return type == other; }
   bool typeIsZero() const { return type == FourCC{}; }
-  uint64_t end() const { return start + size; }
+  uint64_t end() const { return GLTK::endOf(start, size); }
 
   int depth = 0;
   uint64_t start = 0;
@@ -60,7 +61,7 @@ class BOX {
  protected:
   // The indent of this box's dump line: depth x 4 blanks.
   std::wstring indent() const;
-  // Narrows f.limit to this box: min(start + size, limit).
+  // Narrows f.limit to this box: min(end(), limit).
   void enter(BinFile& f, uint64_t limit) const;
 };
 
@@ -88,6 +89,17 @@ class NestedBox : public BOX {
   void parseChildren(BinFile& f, uint64_t limit);
   void dumpChildren() const;
 };
+
+// Visits the boxes matching path below tree (a NestedBox or a Container)
+// that are of class T, as T. A box of the path's type parsed as another
+// class is passed over, never cast.
+template <class T, class Tree, class Visitor>
+void findAs(const Tree& tree, const char* path, Visitor&& visit) {
+  tree.find(path, [&visit](BOX& box) {
+    T* typed = dynamic_cast<T*>(&box);
+    return typed == nullptr || visit(*typed);
+  });
+}
 
 class NestedBoxWithVersion : public NestedBox {
  public:

@@ -35,9 +35,9 @@ void Container::parse(BinFile& f, uint64_t sizeLimit) {
     return false;
   });
   // The last track whose header has a width is the video track.
-  find("moov.trak", [this](BOX& trak) {
-    static_cast<NestedBox&>(trak).find("tkhd", [this, &trak](BOX& box) {
-      if (static_cast<TKHD&>(box).width > 0) videoTrak = &trak;
+  findAs<NestedBox>(*this, "moov.trak", [this](NestedBox& trak) {
+    findAs<TKHD>(trak, "tkhd", [this, &trak](TKHD& tkhd) {
+      if (tkhd.width > 0) videoTrak = &trak;
       return true;
     });
     return true;

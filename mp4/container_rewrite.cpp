@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/avcc.h"
@@ -23,16 +24,6 @@ namespace MP4 {
 namespace {
 
 constexpr uint64_t kCopyBlock = 1 << 20;
-
-void putBE(uint8_t* out, uint64_t value, int bytes) {
-  for (int i = 0; i < bytes; ++i) out[i] = static_cast<uint8_t>(value >> (8 * (bytes - 1 - i)));
-}
-
-uint64_t getBE(const uint8_t* in, int bytes) {
-  uint64_t value = 0;
-  for (int i = 0; i < bytes; ++i) value = value << 8 | in[i];
-  return value;
-}
 
 bool writeAll(BinFile& f, const uint8_t* data, uint64_t n) { return n == 0 || f.write(data, n) == n; }
 
@@ -68,7 +59,7 @@ template <class Table, class Entry>
 bool modifyIndex(BinFile& f, Table& table, int64_t delta) {
   constexpr int kWidth = sizeof(Entry);
   if (table.entryCount == 0) return true;
-  const uint64_t end = std::min(table.start + table.size, f.length());
+  const uint64_t end = std::min(table.end(), f.length());
   if (table.entryOffset >= end) return true;
   const uint64_t count = std::min<uint64_t>(table.entryCount, (end - table.entryOffset) / kWidth);
   std::vector<uint8_t> bytes(static_cast<size_t>(count * kWidth));
@@ -76,8 +67,8 @@ bool modifyIndex(BinFile& f, Table& table, int64_t delta) {
   if (f.read(bytes.data(), bytes.size()) != bytes.size()) return false;
   for (uint64_t i = 0; i < count; ++i) {
     uint8_t* at = &bytes[static_cast<size_t>(i * kWidth)];
-    const Entry shifted = static_cast<Entry>(static_cast<Entry>(getBE(at, kWidth)) + static_cast<Entry>(delta));
-    putBE(at, shifted, kWidth);
+    const Entry shifted = static_cast<Entry>(static_cast<Entry>(GLTK::loadBE(at, kWidth)) + static_cast<Entry>(delta));
+    GLTK::storeBE(at, shifted, kWidth);
   }
   f.seek_set(table.entryOffset);
   return writeAll(f, bytes.data(), bytes.size());
@@ -145,8 +136,7 @@ bool Container::modifyContainer(const wchar_t* name,
     }
   }
   if (!ok) {
-    GLTK::Console::out(L"Container::modifyContainer::%ls(%ls to %ls) failed.\n", name, path.c_str(),
-                       temporary.c_str());
+    GLTK::Console::out(L"Container::modifyContainer::%ls(%ls to %ls) failed.\n", name, path.c_str(), temporary.c_str());
     if (created) GLTK::FileIO::unlink(temporary);
   }
   attach(path, ~0ULL);
@@ -225,8 +215,7 @@ AVCC* rewrittenAvcc(const Container& movie, bool fullRange, ByteArray& newBox) {
     bool wasConstrainedSet1 = false;
     bool assigned = false;
     try {
-      assigned =
-          avcc->assign_fullRange_and_constrained_set1_flag(record, fullRange, wasFullRange, wasConstrainedSet1);
+      assigned = avcc->assign_fullRange_and_constrained_set1_flag(record, fullRange, wasFullRange, wasConstrainedSet1);
     } catch (const std::out_of_range&) {
       assigned = false;  // a record without any SPS: nothing to rewrite
     }
@@ -235,7 +224,7 @@ AVCC* rewrittenAvcc(const Container& movie, bool fullRange, ByteArray& newBox) {
                          wasFullRange, fullRange, wasConstrainedSet1);
       if (wasFullRange != fullRange || !wasConstrainedSet1) {
         uint8_t header[8];
-        putBE(header, record.size() + 8, 4);
+        GLTK::storeBE(header, record.size() + 8, 4);
         std::memcpy(header + 4, "avcC", 4);
         newBox.assign(header, 8);
         newBox.append(record);
@@ -275,10 +264,10 @@ bool canAppendMovie(const Container& movie, const BOX& avcc) {
       uint8_t header[16];
       const uint64_t want = std::min<uint64_t>(sizeof header, length - at);
       if (want < 8 || !f.seek_set(at) || f.read(header, want) != want) return;
-      uint64_t size = getBE(header, 4);
+      uint64_t size = GLTK::loadBE(header, 4);
       uint64_t headerSize = 8;
       if (size == 1 && want == 16) {
-        size = getBE(header + 8, 8);
+        size = GLTK::loadBE(header + 8, 8);
         headerSize = 16;
       }
       if (size < headerSize || size > length - at || std::memcmp(header + 4, "moof", 4) == 0) return;
@@ -311,9 +300,9 @@ bool appendMovie(Container& movie, const BOX& avcc, const ByteArray& newBox) {
     for (const BOX* b = avcc.parent; b != nullptr && b->depth >= 0; b = b->parent) {
       uint8_t* header = &box[static_cast<size_t>(b->start - moov.start)];
       if (b->largeSize) {
-        putBE(header + 8, b->size + delta, 8);
+        GLTK::storeBE(header + 8, b->size + delta, 8);
       } else {
-        putBE(header, b->size + delta, 4);
+        GLTK::storeBE(header, b->size + delta, 4);
       }
     }
     const auto old = box.erase(box.begin() + static_cast<ptrdiff_t>(avcc.start - moov.start),
@@ -341,7 +330,7 @@ void eachBox(BinFile& f, uint64_t start, uint64_t end,
   for (uint64_t at = start; at < end && end - at >= 8;) {
     uint8_t header[8];
     if (!f.seek_set(at) || f.read(header, 8) != 8) return;
-    const uint64_t size = getBE(header, 4);
+    const uint64_t size = GLTK::loadBE(header, 4);
     if (size < 8 || size > end - at) return;
     visit(std::string(reinterpret_cast<const char*>(header + 4), 4), at, size);
     at += size;
@@ -359,9 +348,9 @@ bool shiftFragmentOffsets(const Container& rebuilt, BinFile& f, uint64_t from, i
       ok = false;
       return;
     }
-    const uint64_t offset = getBE(bytes, static_cast<int>(width));
+    const uint64_t offset = GLTK::loadBE(bytes, static_cast<int>(width));
     if (offset < from) return;
-    putBE(bytes, offset + static_cast<uint64_t>(delta), static_cast<int>(width));
+    GLTK::storeBE(bytes, offset + static_cast<uint64_t>(delta), static_cast<int>(width));
     ok = f.seek_set(at) && writeAll(f, bytes, width) && ok;
   };
   for (const BOX* top : rebuilt.root->children) {
@@ -382,7 +371,7 @@ bool shiftFragmentOffsets(const Container& rebuilt, BinFile& f, uint64_t from, i
         if (type != "tfra" || size < 24 || !f.seek_set(tfra + 8) || f.read(head, 16) != 16) return;
         const uint64_t width = head[0] == 1 ? 8 : 4;
         const uint64_t entry = 2 * width + (head[11] >> 4 & 3) + (head[11] >> 2 & 3) + (head[11] & 3) + 3;
-        const uint64_t count = std::min<uint64_t>(getBE(head + 12, 4), (size - 24) / entry);
+        const uint64_t count = std::min<uint64_t>(GLTK::loadBE(head + 12, 4), (size - 24) / entry);
         for (uint64_t i = 0; i < count; ++i) shift(tfra + 24 + i * entry + width, width);
       });
     }

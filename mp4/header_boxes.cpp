@@ -1,6 +1,7 @@
 // Movie, track and media headers.
 #include <cstdint>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "mp4/boxes.h"
 
@@ -14,7 +15,7 @@ bool writeTimeStamp(const BOX& box, uint8_t version, BinFile& f, uint64_t value)
   const uint64_t saved = f.tell();
   uint8_t bytes[8];
   const int n = version == 1 ? 8 : 4;
-  for (int i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>(value >> (8 * (n - 1 - i)));
+  GLTK::storeBE(bytes, value, n);
   f.seek_set(box.start + 12);
   f.write(bytes, static_cast<uint64_t>(n));
   f.seek_set(saved);
@@ -92,8 +93,8 @@ void MDHD::parseBox(BinFile& f, uint64_t limit) {
 
 void MDHD::dump() const {
   GLTK::Console::LocaleC scope;
-  GLTK::Console::out(L"MP4: %ls<%ls timeStamp=%lu duration=%f time_scale=%f >\n", indent().c_str(),
-                     basicTag().c_str(), static_cast<unsigned long>(timeStamp), static_cast<double>(duration),
+  GLTK::Console::out(L"MP4: %ls<%ls timeStamp=%lu duration=%f time_scale=%f >\n", indent().c_str(), basicTag().c_str(),
+                     static_cast<unsigned long>(timeStamp), static_cast<double>(duration),
                      static_cast<double>(timeScale));
 }
 

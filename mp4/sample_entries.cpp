@@ -39,8 +39,7 @@ void SOWT::parseBox(BinFile& f, uint64_t limit) {
 void SOWT::dump() const {
   GLTK::Console::out(
       L"MP4: %ls<%ls data_reference_index=%u channel_count=%u sample_size=%u pre_defined=%u samplelate=%x>\n",
-      indent().c_str(), basicTag().c_str(), data_reference_index, channel_count, sample_size, pre_defined,
-      sampleRate);
+      indent().c_str(), basicTag().c_str(), data_reference_index, channel_count, sample_size, pre_defined, sampleRate);
   dumpChildren();
 }
 

@@ -3,17 +3,13 @@
 #include <cstdint>
 #include <cstring>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "mp4/boxes.h"
 
 namespace MP4 {
 
 namespace {
-
-uint32_t be32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 |
-         p[3];
-}
 
 void readFullBoxHeader(BinFile& f, uint8_t& version, std::array<uint8_t, 3>& flags) {
   version = f.read8();
@@ -30,7 +26,7 @@ void STTS::parseBox(BinFile& f, uint64_t limit) {
   std::vector<uint8_t> raw;
   const uint64_t stored = f.take_entries(raw, 8, entryCount);
   entries.resize(stored);
-  for (uint64_t i = 0; i < stored; ++i) entries[i] = {be32(&raw[8 * i]), be32(&raw[8 * i + 4])};
+  for (uint64_t i = 0; i < stored; ++i) entries[i] = {GLTK::loadBE32(&raw[8 * i]), GLTK::loadBE32(&raw[8 * i + 4])};
 }
 
 void STTS::dump() const {
@@ -47,7 +43,7 @@ void STSC::parseBox(BinFile& f, uint64_t limit) {
   const uint64_t stored = f.take_entries(raw, 12, entryCount);
   entries.resize(stored);
   for (uint64_t i = 0; i < stored; ++i) {
-    entries[i] = {be32(&raw[12 * i]), be32(&raw[12 * i + 4]), be32(&raw[12 * i + 8])};
+    entries[i] = {GLTK::loadBE32(&raw[12 * i]), GLTK::loadBE32(&raw[12 * i + 4]), GLTK::loadBE32(&raw[12 * i + 8])};
   }
 }
 
@@ -63,8 +59,8 @@ void STSZ::parseBox(BinFile& f, uint64_t limit) {
   sample_count = f.read32();
   sample_total = 0;
   if (sampleSize != 0) {
-    // A 32-bit product: it wraps for huge tables, and reports have always
-    // shown the wrapped value.
+    // A 32-bit product that wraps for huge tables: the bit rates are computed
+    // from it, and programs that read the report depend on those values.
     sample_total = static_cast<uint32_t>(sampleSize * sample_count);
     return;
   }
@@ -73,7 +69,7 @@ void STSZ::parseBox(BinFile& f, uint64_t limit) {
   entries.resize(f.storable_entries(4, sample_count));
   f.read(reinterpret_cast<unsigned char*>(entries.data()), entries.size() * 4);
   for (uint32_t& size : entries) {
-    size = be32(reinterpret_cast<const uint8_t*>(&size));
+    size = GLTK::loadBE32(reinterpret_cast<const uint8_t*>(&size));
     sample_total += size;
   }
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
@@ -18,9 +19,6 @@ constexpr int64_t kMaxXyzText = 512;
 
 double fixedToDouble(uint32_t raw) { return static_cast<int32_t>(raw) * 1.52587890625e-5; }
 
-// True when n bytes from the position lie within the limit; unlike
-// BinFile::fits it does not wrap for lengths computed from a bad size.
-bool within(const BinFile& f, uint64_t n) { return f.tell() <= f.limit && n <= f.limit - f.tell(); }
 }  // namespace
 
 void XYZ::parseBox(BinFile& f, uint64_t limit) {
@@ -28,13 +26,13 @@ void XYZ::parseBox(BinFile& f, uint64_t limit) {
   textLength = f.read16();
   language = f.read16();
   // The text is capped at 512 bytes.
-  const int64_t n = static_cast<int32_t>(static_cast<uint32_t>(size)) < 524 ? static_cast<int64_t>(size) - 12
-                                                                             : kMaxXyzText;
+  const int64_t n =
+      static_cast<int32_t>(static_cast<uint32_t>(size)) < 524 ? static_cast<int64_t>(size) - 12 : kMaxXyzText;
   // A size below the header or one with the high bits set (n past the cap)
   // leaves no text.
   if (n <= 0 || n > kMaxXyzText + 12) return;
   text.assign(static_cast<size_t>(n), '\0');
-  if (within(f, static_cast<uint64_t>(n))) f.read(reinterpret_cast<unsigned char*>(text.data()), static_cast<uint64_t>(n));
+  if (f.fits(static_cast<uint64_t>(n))) f.read(reinterpret_cast<unsigned char*>(text.data()), static_cast<uint64_t>(n));
 }
 
 void XYZ::dump() const {
@@ -70,7 +68,7 @@ void HDLR::parseBox(BinFile& f, uint64_t limit) {
     std::copy(block + 12, block + 24, reserved.begin());
   }
   nameLength = size - 32;
-  if (size > kPayloadLimit || !within(f, nameLength)) return;
+  if (size > kPayloadLimit || !f.fits(nameLength)) return;
   // The box may claim more than the file holds (a top-level box's limit is
   // its own size): only the bytes that are there are kept. The rest would
   // read as zeros, and the name ends at its first zero anyway.
@@ -147,8 +145,8 @@ void UUID::dump() const {
 
 void UUID::to_byteArray(ByteArray& out) const {
   const uint64_t total = payload.size() + kUuidHeader;
-  const uint8_t header[8] = {static_cast<uint8_t>(total >> 24), static_cast<uint8_t>(total >> 16),
-                             static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 'u', 'u', 'i', 'd'};
+  uint8_t header[8] = {0, 0, 0, 0, 'u', 'u', 'i', 'd'};
+  GLTK::storeBE(header, total, 4);
   out.assign(header, sizeof header);
   out.append(usertype.data(), usertype.size());
   out.append(payload.data(), payload.size());
@@ -157,8 +155,8 @@ void UUID::to_byteArray(ByteArray& out) const {
 bool UUID::write(BinFile& f) const {
   ByteArray bytes;
   const uint64_t total = size;
-  const uint8_t header[4] = {static_cast<uint8_t>(total >> 24), static_cast<uint8_t>(total >> 16),
-                             static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total)};
+  uint8_t header[4];
+  GLTK::storeBE(header, total, 4);
   bytes.append(header, 4);
   bytes.append(type.data(), 4);
   bytes.append(usertype.data(), usertype.size());

@@ -16,9 +16,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <system_error>
 #include <thread>
-#include <cstdint>
 
 #include "gltk/console.h"
 

@@ -65,7 +65,7 @@ class DescriberProcess {
   Describe describe_;
   int deadlineMs_;
   pid_t pid_ = -1;
-  int channel_ = -1;  // our end of the socket pair to the worker
+  int channel_ = -1;    // our end of the socket pair to the worker
   bool asked_ = false;  // a request is out and its answer not taken
   bool sent_ = false;   // ... and the worker has it
   std::wstring path_;

@@ -84,8 +84,8 @@ bool MetaReader::dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstrin
   });
 }
 
-template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>&, const std::wstring&,
-                                   std::function<void(std::ostream&)>);
+template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>&,
+                                   const std::wstring&, std::function<void(std::ostream&)>);
 template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>&, const std::wstring&,
                                    std::function<void(std::ostream&)>);
 template bool MetaReader::dumpXYZT(const GLTK::LargeVector<AccelSensorStreamEmbed::Ecompass>&, const std::wstring&,

@@ -9,6 +9,7 @@
 #include "gltk/console.h"
 #include "mp4/avcc.h"
 #include "mp4/boxes.h"
+#include "sensor/orientation.h"
 
 namespace {
 
@@ -58,10 +59,9 @@ bool MetaReader::parse(const wchar_t* file) {
   // An upside-down camera turns the other way about the vertical axis.
   yawStabilizer.init(sensorLogs, mode, pace, sensors.reversed, probe.cameraVersion);
 
-  movie.find("moov.trak.uuid", [&](MP4::BOX& box) {
-    const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
-    if (uuid == nullptr || box.size < 24 || uuid->usertype != kSphericalVideo) return true;
-    sphericalText = uuid->payloadText();
+  MP4::findAs<MP4::UUID>(movie, "moov.trak.uuid", [&](MP4::UUID& uuid) {
+    if (uuid.size < 24 || uuid.usertype != kSphericalVideo) return true;
+    sphericalText = uuid.payloadText();
     viewHeading.attach(sphericalText);
     return true;
   });
@@ -70,18 +70,16 @@ bool MetaReader::parse(const wchar_t* file) {
     return true;
   });
   bool sized = false;
-  movie.find("moov.trak.tkhd", [&](MP4::BOX& box) {
-    const auto& tkhd = static_cast<MP4::TKHD&>(box);
+  MP4::findAs<MP4::TKHD>(movie, "moov.trak.tkhd", [&](MP4::TKHD& tkhd) {
     if (sized || tkhd.width == 0 || tkhd.height == 0) return true;
     frameWidth = tkhd.width;
     frameHeight = tkhd.height;
     sized = true;
     return false;
   });
-  movie.find("uuid", [&](MP4::BOX& box) {
-    const auto* uuid = dynamic_cast<const MP4::UUID*>(&box);
-    if (uuid == nullptr || !uuid->hasChild()) return true;
-    static_cast<MP4::NestedBox&>(box).find("KATR.tkhd", [&](MP4::BOX&) {
+  MP4::findAs<MP4::UUID>(movie, "uuid", [&](MP4::UUID& uuid) {
+    if (!uuid.hasChild()) return true;
+    uuid.find("KATR.tkhd", [&](MP4::BOX&) {
       hasSpatialSound = true;
       return true;
     });
@@ -91,10 +89,9 @@ bool MetaReader::parse(const wchar_t* file) {
     hasSA3DSound = true;
     return true;
   });
-  movie.find("moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::BOX& box) {
+  MP4::findAs<MP4::AVCC>(movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
     try {
-      static_cast<MP4::AVCC&>(box).get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag,
-                                                                            fullRange);
+      avcc.get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag, fullRange);
     } catch (const std::out_of_range&) {
       // A record without any SPS: the flags stay unknown.
     }

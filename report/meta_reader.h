@@ -11,7 +11,7 @@
 #include "exif/exif_parser.h"
 #include "report/sondex_probe.h"
 #include "report/view_heading.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 #include "sensor/yaw_stabilizer.h"
 
 class MetaReader {
@@ -20,12 +20,15 @@ class MetaReader {
   bool parse(const wchar_t* path);
   void dumpToJSON() const;
   template <class T>
-  bool dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& path, std::function<void(std::ostream&)> extra);
+  bool dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& path,
+                std::function<void(std::ostream&)> extra);
 
   // The three sample streams of the report and the dump files: gyro and
   // compass as recorded, gravity re-timed on KDTG.
   const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyroSamples() const { return sensorLogs.gyro.records; }
-  const GLTK::LargeVector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const { return sensorLogs.compass.records; }
+  const GLTK::LargeVector<AccelSensorStreamEmbed::Ecompass>& compassSamples() const {
+    return sensorLogs.compass.records;
+  }
   const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravitySamples() const {
     return sensorLogs.retimed;
   }
@@ -34,10 +37,6 @@ class MetaReader {
   bool parse_JPEG(const wchar_t* path, bool dump);
   bool parse_DNG(const wchar_t* path, bool dump);
   void dumpToJSON_still(bool isDNG) const;
-
-  // The command line: argument mode or the request stream.
-  static int process(int argc, wchar_t** argv);
-  static void usage();
 
   std::wstring path;
   Sondex probe;

@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "exif/camera_model.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/boxes.h"
 #include "report/describer_process.h"
 #include "report/xml_text.h"
-#include "sensor/yaw_stabilizer.h"
 
 namespace {
 
@@ -104,8 +104,8 @@ void Sondex::readCodec(MP4::Container& movie) {
     GLTK::Console::out(L"H.264 detected.\n");
     return true;
   });
-  movie.find("moov.trak.mdia.minf.stbl.stsd", [&](MP4::BOX& stsd) {
-    for (const MP4::BOX* entry : static_cast<MP4::NestedBox&>(stsd).children) {
+  MP4::findAs<MP4::NestedBox>(movie, "moov.trak.mdia.minf.stbl.stsd", [&](MP4::NestedBox& stsd) {
+    for (const MP4::BOX* entry : stsd.children) {
       if (entry->is(MP4::code("hvc1"))) {
         codec = 2;
         GLTK::Console::out(L"H.265/HEVC detected(hvc1).\n");
@@ -157,19 +157,18 @@ void Sondex::detect_movie() {
 }
 
 void Sondex::detectBitRate(MP4::Container& movie) {
-  movie.find("moov.mvhd", [&](MP4::BOX& box) {
-    duration = static_cast<MP4::MVHD&>(box).duration;
+  MP4::findAs<MP4::MVHD>(movie, "moov.mvhd", [&](MP4::MVHD& mvhd) {
+    duration = mvhd.duration;
     return false;
   });
-  movie.find("moov.trak", [&](MP4::BOX& trak) {
-    auto& track = static_cast<MP4::NestedBox&>(trak);
+  MP4::findAs<MP4::NestedBox>(movie, "moov.trak", [&](MP4::NestedBox& track) {
     bool video = false;
-    track.find("tkhd", [&](MP4::BOX& box) {
-      video = static_cast<MP4::TKHD&>(box).width >= 1;
+    MP4::findAs<MP4::TKHD>(track, "tkhd", [&](MP4::TKHD& tkhd) {
+      video = tkhd.width >= 1;
       return false;
     });
-    track.find("mdia.minf.stbl.stsz", [&](MP4::BOX& box) {
-      const float rate = static_cast<float>(static_cast<MP4::STSZ&>(box).sample_total * 8) / duration;
+    MP4::findAs<MP4::STSZ>(track, "mdia.minf.stbl.stsz", [&](MP4::STSZ& stsz) {
+      const float rate = static_cast<float>(stsz.sample_total * 8) / duration;
       if (video && videoBitRate == 0) {
         videoBitRate = rate;
       } else if (audioBitRate == 0) {

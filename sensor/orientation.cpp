@@ -1,10 +1,13 @@
-// Orientation analysis of the gravity and compass samples: a compass
-// heading per sample, and whether the camera was held upside down or with
-// its front turned backwards over the whole clip. All in 32-bit floats.
+// Orientation analysis of the gravity and compass samples: their pairing,
+// a compass heading per sample, and whether the camera was held upside down
+// or with its front turned backwards over the whole clip. All in 32-bit
+// floats.
+#include "sensor/orientation.h"
+
 #include <cmath>
 
 #include "gltk/console.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_loaders.h"
 
 using GLTK::Console;
 using GLTK::Matrix3x3;
@@ -132,4 +135,42 @@ void AccelSensorStreamEmbed::detectReverseFront() {
   frontReversed = reversed != (frontSum < 0);
   GLTK::Console::LocaleC localeC;
   Console::out(L"rev-front:   [F]%f -> %c\n", static_cast<double>(frontSum), frontReversed ? 'Y' : 'N');
+}
+
+bool AccelSensorStreamEmbed::loadGen2(const SensorLogs& logs, int stepDivisor) {
+  sensorTable.clear();
+  sampleCount = rate = 0;
+  scale = bias = gain = 0;
+  offsetX = offsetY = offsetZ = 0;
+  correction = divisor = step = 0;
+  reversed = frontReversed = false;
+  positiveSum = negativeSum = frontSum = 0;
+
+  const GLTK::LargeVector<Ecompass>& compass = logs.compass.load();
+  const bool corrected = !logs.yawCorrections.load().empty();
+  const GLTK::LargeVector<TopBottomCorrection>& gravity = corrected ? logs.gravity.load() : logs.loadRetimed();
+  if (compass.empty() || gravity.empty() || compass.size() < gravity.size()) {
+    Console::out(L"KDTC/KDTD is not enough size.\n");
+    Console::out(L"  KDTC:   %d\n", static_cast<int>(compass.size()));
+    Console::out(L"  KDTD/G: %d\n", static_cast<int>(gravity.size()));
+    return false;
+  }
+
+  sampleCount = static_cast<int32_t>(gravity.size());
+  rate = 100;
+  divisor = stepDivisor;
+  step = stepDivisor != 0 ? 30 / stepDivisor : 0;  // a zero divisor leaves no step rather than trapping
+  sensorTable.reserve(gravity.size());
+  for (size_t i = 0; i < gravity.size(); ++i) {
+    TAccelSensorInfo entry;
+    entry.axis[0] = static_cast<int16_t>(-gravity[i].x);
+    entry.axis[1] = static_cast<int16_t>(-gravity[i].z);
+    entry.axis[2] = static_cast<int16_t>(-gravity[i].y);
+    entry.auxiliary = 20;
+    calcOrientation(entry, compass[i]);
+    sensorTable.push_back(entry);
+  }
+  detectReverse();
+  detectReverseFront();
+  return sensorTable.size() == static_cast<size_t>(sampleCount);
 }

@@ -1,7 +1,8 @@
 // Reading the camera's sample boxes: the 16-byte sample header with its
 // byte-order mark and length checks, the records themselves, and the
-// re-timing of the gravity samples onto the KDTG clock; then the pairing of
-// gravity and compass samples for the orientation analysis.
+// re-timing of the gravity samples onto the KDTG clock.
+#include "sensor/sample_loaders.h"
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -9,9 +10,9 @@
 #include <cwchar>
 #include <string>
 
+#include "gltk/byte_order.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
-#include "sensor/accel_sensor_stream.h"
 
 // Records are copied from the file as they lie in memory; boxes marked
 // 0x0123 are little-endian, like every host this is built for.
@@ -29,13 +30,6 @@ constexpr uint16_t kLittleEndianMark = 0x0123;
 constexpr uint16_t kBigEndianMark = 0x3210;
 // KDTG stamps are taken 4 ms before the KDTD clock they pace.
 constexpr uint64_t kKDTGOffset = 4000000;
-
-uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
-uint32_t le32(const uint8_t* p) { return static_cast<uint32_t>(le16(p)) | static_cast<uint32_t>(le16(p + 2)) << 16; }
-uint16_t reversed16(uint16_t v) { return static_cast<uint16_t>(v >> 8 | v << 8); }
-uint32_t reversed32(uint32_t v) {
-  return static_cast<uint32_t>(reversed16(static_cast<uint16_t>(v))) << 16 | reversed16(static_cast<uint16_t>(v >> 16));
-}
 
 // Reads n bytes at the file's position in as few calls as the system needs;
 // returns how many arrived.
@@ -82,22 +76,20 @@ SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char
   const uint64_t size = box->size;
   // "except" (for "expect") is kept as written: other programs match these lines.
   if (size < kHeaderSize) {
-    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(),
-                                  kHeaderSize, static_cast<uint32_t>(size));
+    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u, but %u.\n", name.c_str(), kHeaderSize,
+                                  static_cast<uint32_t>(size));
     return log;
   }
   uint8_t header[16] = {};
   if (!file.seek_set(start + 8)) return log;
   readFully(file, header, sizeof header);
-  uint32_t entryCount = le32(header);
-  uint16_t rate = le16(header + 4);
-  uint16_t unitSize = le16(header + 6);
-  const uint16_t endian = le16(header + 8);
-  if (endian == kBigEndianMark) {
-    entryCount = reversed32(entryCount);
-    rate = reversed16(rate);
-    unitSize = reversed16(unitSize);
-  }
+  // The mark is read little-endian; the big-endian mark turns the order of
+  // the other header fields.
+  const uint16_t endian = GLTK::loadLE16(header + 8);
+  const bool big = endian == kBigEndianMark;
+  const uint32_t entryCount = big ? GLTK::loadBE32(header) : GLTK::loadLE32(header);
+  const uint16_t rate = big ? GLTK::loadBE16(header + 4) : GLTK::loadLE16(header + 4);
+  const uint16_t unitSize = big ? GLTK::loadBE16(header + 6) : GLTK::loadLE16(header + 6);
   if (unitSize != recordSize || (endian != kLittleEndianMark && endian != kBigEndianMark)) {
     log.complaint =
         complaintLine(L"%ls: Invalid header. unitSize(expect %u, but %u), endian(expect %04X/%04X, but %04X).\n",
@@ -109,9 +101,9 @@ SampleLog<T> readLog(const MP4::Container& movie, GLTK::FileIO& file, const char
   // and pass; what is read is bounded by the box and the file anyway.
   const uint32_t needed = kHeaderSize + entryCount * recordSize;
   if (size < needed) {
-    log.complaint = complaintLine(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(),
-                                  kHeaderSize, static_cast<unsigned>(unitSize), entryCount, needed,
-                                  static_cast<uint32_t>(size));
+    log.complaint =
+        complaintLine(L"%ls: Not enough length. except less than %u+%u*%u(=%u), but %u.\n", name.c_str(), kHeaderSize,
+                      static_cast<unsigned>(unitSize), entryCount, needed, static_cast<uint32_t>(size));
     return log;
   }
   log.samplingRate = rate;
@@ -238,42 +230,4 @@ const GLTK::LargeVector<TopBottomCorrection>& SensorLogs::loadRetimed() const {
                  static_cast<long long>(times[i] + kKDTGOffset));
   }
   return retimed;
-}
-
-bool AccelSensorStreamEmbed::loadGen2(const SensorLogs& logs, int stepDivisor) {
-  sensorTable.clear();
-  sampleCount = rate = 0;
-  scale = bias = gain = 0;
-  offsetX = offsetY = offsetZ = 0;
-  correction = divisor = step = 0;
-  reversed = frontReversed = false;
-  positiveSum = negativeSum = frontSum = 0;
-
-  const GLTK::LargeVector<Ecompass>& compass = logs.compass.load();
-  const bool corrected = !logs.yawCorrections.load().empty();
-  const GLTK::LargeVector<TopBottomCorrection>& gravity = corrected ? logs.gravity.load() : logs.loadRetimed();
-  if (compass.empty() || gravity.empty() || compass.size() < gravity.size()) {
-    Console::out(L"KDTC/KDTD is not enough size.\n");
-    Console::out(L"  KDTC:   %d\n", static_cast<int>(compass.size()));
-    Console::out(L"  KDTD/G: %d\n", static_cast<int>(gravity.size()));
-    return false;
-  }
-
-  sampleCount = static_cast<int32_t>(gravity.size());
-  rate = 100;
-  divisor = stepDivisor;
-  step = stepDivisor != 0 ? 30 / stepDivisor : 0;  // a zero divisor leaves no step rather than trapping
-  sensorTable.reserve(gravity.size());
-  for (size_t i = 0; i < gravity.size(); ++i) {
-    TAccelSensorInfo entry;
-    entry.axis[0] = static_cast<int16_t>(-gravity[i].x);
-    entry.axis[1] = static_cast<int16_t>(-gravity[i].z);
-    entry.axis[2] = static_cast<int16_t>(-gravity[i].y);
-    entry.auxiliary = 20;
-    calcOrientation(entry, compass[i]);
-    sensorTable.push_back(entry);
-  }
-  detectReverse();
-  detectReverseFront();
-  return sensorTable.size() == static_cast<size_t>(sampleCount);
 }

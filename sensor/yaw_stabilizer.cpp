@@ -236,8 +236,9 @@ void YawStabilizer::generate(const GLTK::LargeVector<Gyro>& gyro, unsigned short
 }
 
 void YawStabilizer::generate_by_kdtd(const GLTK::LargeVector<Gyro>& gyro, unsigned short /*gyroRate*/,
-                                     const GLTK::LargeVector<TopBottomCorrection>& gravity, bool lockDir, bool alternate,
-                                     MetaBuilder::CAMERA_VERSION /*version*/, unsigned long frameRateArg) {
+                                     const GLTK::LargeVector<TopBottomCorrection>& gravity, bool lockDir,
+                                     bool alternate, MetaBuilder::CAMERA_VERSION /*version*/,
+                                     unsigned long frameRateArg) {
   if (gravity.empty()) return;
   yawTable.clear();
   yawTable.reserve(gravity.size());

@@ -1,25 +1,16 @@
 // Yaw stabilisation: a per-sample yaw table built either from the camera's
 // own yaw corrections (KDTI) or by integrating the gyro log re-anchored on
-// gravity; the stabilisation setting of the maker note mapped to a yaw
-// mode; and the camera generation derived from the model text.
+// gravity; and the stabilisation setting of the maker note mapped to a yaw
+// mode.
 #pragma once
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
+#include "exif/camera_model.h"
 #include "exif/exif_parser.h"
-#include "sensor/accel_sensor_stream.h"
-
-namespace MetaBuilder {
-
-// Camera generation code; 0 is an unknown camera.
-using CAMERA_VERSION = uint32_t;
-
-CAMERA_VERSION camera_version(const std::string& model);
-
-}  // namespace MetaBuilder
+#include "sensor/sample_loaders.h"
 
 class VideoStabilizationMode {
  public:
@@ -47,8 +38,8 @@ class YawStabilizer {
   // onto the gravity samples; the table starts at 0. Drift is removed
   // unless lockDir; alternate negates the vertical and the result.
   void generate(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,
-                const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir, bool alternate,
-                MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
+                const GLTK::LargeVector<AccelSensorStreamEmbed::TopBottomCorrection>& gravity, bool lockDir,
+                bool alternate, MetaBuilder::CAMERA_VERSION version, unsigned long frameRate);
   // The same integration walked along the gravity samples (no KDTG). The
   // frame rate stands in for the gravity rate when KDTD carries none.
   void generate_by_kdtd(const GLTK::LargeVector<AccelSensorStreamEmbed::Gyro>& gyro, unsigned short gyroRate,

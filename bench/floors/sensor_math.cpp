@@ -11,7 +11,8 @@
 #include "gltk/console.h"
 #include "gltk/wchar.h"
 #include "mp4/container.h"
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/orientation.h"
+#include "sensor/sample_loaders.h"
 #include "sensor/yaw_stabilizer.h"
 
 int main(int argc, char** argv) {

@@ -25,14 +25,14 @@ Bytes tableHeavyMovie(uint32_t samples, uint32_t chunks) {
     stsc.u32(1).u32(1).u32(n / (c ? c : 1)).u32(1);
     return concat({stts.build(), stsc.build(), stsz.build(), stco.build()});
   };
-  return concat({Box("ftyp").str("isom").u32(0).build(),
-                 Box("moov")
-                     .child(mvhd(1000, 3600000))
-                     .child(videoTrak(3840, 1920, Box::full("stsd", 0, 0).u32(1).child(avc1(3840, 1920)),
-                                      stbl(samples, chunks)))
-                     .child(videoTrak(0, 0, Box::full("stsd", 0, 0).u32(0), stbl(samples / 4, chunks / 4)))
-                     .build(),
-                 Box("mdat").zeros(64).build()});
+  return concat(
+      {Box("ftyp").str("isom").u32(0).build(),
+       Box("moov")
+           .child(mvhd(1000, 3600000))
+           .child(videoTrak(3840, 1920, Box::full("stsd", 0, 0).u32(1).child(avc1(3840, 1920)), stbl(samples, chunks)))
+           .child(videoTrak(0, 0, Box::full("stsd", 0, 0).u32(0), stbl(samples / 4, chunks / 4)))
+           .build(),
+       Box("mdat").zeros(64).build()});
 }
 
 void BM_Container_Attach(benchmark::State& state) {

@@ -1,79 +1,47 @@
 #include "tests/support/camera_movie.h"
 
 #include <algorithm>
-#include <tuple>
 #include <stdexcept>
 
 #include "mp4/boxes.h"
-#include "mp4/container.h"
-#include "tests/support/files.h"
-#include "tests/support/mp4_builder.h"
 #include "tests/support/movie.h"
-#include "tests/support/sensor_boxes.h"
-#include "tests/support/tiff_builder.h"
+#include "tests/support/mp4_builder.h"
 
 namespace sondex::test {
 
 namespace {
 
-void putBE32(Bytes& bytes, uint64_t at, uint32_t value) {
-  for (int i = 0; i < 4; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-}
-
-uint64_t getBE(const Bytes& bytes, uint64_t at, int n) {
+// Adds delta to the big-endian n-byte number at.
+void addBE(Bytes& bytes, uint64_t at, uint64_t delta, int n) {
   uint64_t v = 0;
   for (int i = 0; i < n; ++i) v = v << 8 | bytes[at + i];
-  return v;
-}
-
-void putBE(Bytes& bytes, uint64_t at, uint64_t value, int n) {
-  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>(value >> (8 * (n - 1 - i)));
-}
-
-void growSize(Bytes& bytes, const MP4::BOX& box, uint64_t delta) {
-  if (box.largeSize) {
-    putBE(bytes, box.start + 8, getBE(bytes, box.start + 8, 8) + delta, 8);
-  } else {
-    putBE32(bytes, box.start, static_cast<uint32_t>(getBE(bytes, box.start, 4) + delta));
-  }
+  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>((v + delta) >> (8 * (n - 1 - i)));
 }
 
 }  // namespace
-
-Bytes sphericalUsertype() {
-  return {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93, 0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
-}
 
 Bytes xmpUsertype() {
   return {0xBE, 0x7A, 0xCF, 0xCB, 0x97, 0xA9, 0x42, 0xE8, 0x9C, 0x71, 0x99, 0x94, 0x91, 0xE3, 0xAF, 0xAC};
 }
 
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov) {
-  return "<?xml version=\"1.0\"?><rdf:SphericalVideo\n"
-         "xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
-         "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n"
-         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n"
-         "  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
-         "  <GSpherical:StitchingSoftware>" + software + "</GSpherical:StitchingSoftware>\n"
-         "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n"
-         "  <GSpherical:InitialViewHeadingDegrees>" + std::to_string(heading) +
-         "</GSpherical:InitialViewHeadingDegrees>\n"
-         "  <GSpherical:InitialViewPitchDegrees>" + std::to_string(pitch) + "</GSpherical:InitialViewPitchDegrees>\n"
-         "  <GSpherical:InitialHorizontalFOVDegrees>" + std::to_string(fov) +
-         "</GSpherical:InitialHorizontalFOVDegrees>\n"
-         "</rdf:SphericalVideo>";
+  auto element = [](const std::string& name, const std::string& value) {
+    return "  <GSpherical:" + name + ">" + value + "</GSpherical:" + name + ">\n";
+  };
+  return "<?xml version=\"1.0\"?><rdf:SphericalVideo\nxmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"\n"
+         "xmlns:GSpherical=\"http://ns.google.com/videos/1.0/spherical/\">\n" +
+         element("Spherical", "true") + element("Stitched", "true") + element("StitchingSoftware", software) +
+         element("ProjectionType", "equirectangular") + element("InitialViewHeadingDegrees", std::to_string(heading)) +
+         element("InitialViewPitchDegrees", std::to_string(pitch)) +
+         element("InitialHorizontalFOVDegrees", std::to_string(fov)) + "</rdf:SphericalVideo>";
 }
 
 std::string xmpText(const std::string& creatorTool) {
-  return "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
-         "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
-         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n"
-         "  <rdf:Description rdf:about=\"\" xmlns:x=\"adobe:ns:meta/\">\n"
-         "   <x:CreatorTool>" + creatorTool + "</x:CreatorTool>\n"
-         "  </rdf:Description>\n"
-         " </rdf:RDF>\n"
-         "</x:xmpmeta>\n"
-         "<?xpacket end=\"w\"?>";
+  const std::string description = "  <rdf:Description rdf:about=\"\" xmlns:x=\"adobe:ns:meta/\">\n";
+  return "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
+         " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n" +
+         description + "   <x:CreatorTool>" + creatorTool +
+         "</x:CreatorTool>\n  </rdf:Description>\n </rdf:RDF>\n</x:xmpmeta>\n<?xpacket end=\"w\"?>";
 }
 
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
@@ -81,8 +49,11 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   auto parsed = attachBytes(dir, movie);
   const MP4::BOX* moov = parsed->moov;
   if (moov == nullptr) throw std::invalid_argument("movie without moov");
-  const MP4::BOX* trak = parsed->videoTrak;
   const MP4::BOX* udta = findFirst(*parsed, "moov.udta");
+  Bytes out = movie;
+  auto grow = [&](const MP4::BOX& box, uint64_t delta) {
+    addBE(out, box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4);
+  };
 
   Bytes udtaChildren;
   auto append = [&](const Bytes& b) { udtaChildren.insert(udtaChildren.end(), b.begin(), b.end()); };
@@ -91,57 +62,38 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   for (const Bytes& b : boxes.udta) append(b);
   if (!boxes.location.empty()) append(Box("@xyz").str(boxes.location).build());
 
-  // Insertions by position in the original file, and for one position in
-  // the order they must stand (a box closing the track before the user data
-  // that closes the movie box), and the boxes that grow.
-  std::vector<std::tuple<uint64_t, int, Bytes>> inserts;
-  std::vector<std::pair<const MP4::BOX*, uint64_t>> grows;
+  // Insertions by position in the original file; where two meet, the box
+  // closing the track goes before the user data closing the movie box.
+  std::vector<std::pair<uint64_t, Bytes>> inserts;
   uint64_t moovGrowth = 0;
   if (!udtaChildren.empty()) {
-    if (udta != nullptr) {
-      inserts.emplace_back(udta->end(), 1, udtaChildren);
-      grows.emplace_back(udta, udtaChildren.size());
-      moovGrowth += udtaChildren.size();
-    } else {
-      const Bytes whole = Box("udta").bytes(udtaChildren).build();
-      inserts.emplace_back(moov->end(), 1, whole);
-      moovGrowth += whole.size();
-    }
+    if (udta != nullptr) grow(*udta, udtaChildren.size());
+    inserts.emplace_back(udta != nullptr ? udta->end() : moov->end(),
+                         udta != nullptr ? udtaChildren : Box("udta").bytes(udtaChildren).build());
+    moovGrowth += inserts.back().second.size();
   }
   if (!boxes.sphericalXml.empty()) {
+    const MP4::BOX* trak = parsed->videoTrak;
     if (trak == nullptr) throw std::invalid_argument("movie without a video track");
-    const Bytes uuid = Box("uuid").bytes(sphericalUsertype()).str(boxes.sphericalXml).build();
-    inserts.emplace_back(trak->end(), 0, uuid);
-    grows.emplace_back(trak, uuid.size());
-    moovGrowth += uuid.size();
+    const Bytes usertype = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93,
+                            0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
+    inserts.emplace_back(trak->end(), Box("uuid").bytes(usertype).str(boxes.sphericalXml).build());
+    grow(*trak, inserts.back().second.size());
+    moovGrowth += inserts.back().second.size();
   }
-  grows.emplace_back(moov, moovGrowth);
-
-  Bytes out = movie;
-  for (const auto& [box, delta] : grows) growSize(out, *box, delta);
+  grow(*moov, moovGrowth);
   // The media data behind a grown movie box moves by the growth.
-  if (parsed->mdat != nullptr && parsed->mdat->start > moov->start && moovGrowth > 0) {
-    for (MP4::BOX* box : findAll(*parsed, "moov.trak.mdia.minf.stbl.stco")) {
-      const auto& stco = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < stco.entryCount; ++i) {
-        const uint64_t at = stco.entryOffset + 4 * i;
-        putBE(out, at, getBE(out, at, 4) + moovGrowth, 4);
-      }
-    }
-    for (MP4::BOX* box : findAll(*parsed, "moov.trak.mdia.minf.stbl.co64")) {
-      const auto& co64 = static_cast<const MP4::STCO&>(*box);
-      for (uint64_t i = 0; i < co64.entryCount; ++i) {
-        const uint64_t at = co64.entryOffset + 8 * i;
-        putBE(out, at, getBE(out, at, 8) + moovGrowth, 8);
+  for (const auto& [path, width] :
+       {std::pair{"moov.trak.mdia.minf.stbl.stco", 4}, {"moov.trak.mdia.minf.stbl.co64", 8}}) {
+    for (MP4::BOX* box : findAll(*parsed, path)) {
+      const auto& table = static_cast<const MP4::STCO&>(*box);
+      for (uint64_t i = 0; parsed->mdat != nullptr && parsed->mdat->start > moov->start && i < table.entryCount; ++i) {
+        addBE(out, table.entryOffset + width * i, moovGrowth, width);
       }
     }
   }
-  std::sort(inserts.begin(), inserts.end(),
-            [](const auto& a, const auto& b) { return std::tie(std::get<0>(a), std::get<1>(a)) >
-                                                      std::tie(std::get<0>(b), std::get<1>(b)); });
-  for (const auto& [at, order, bytes] : inserts) {
-    out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
-  }
+  std::stable_sort(inserts.begin(), inserts.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (const auto& [at, bytes] : inserts) out.insert(out.begin() + static_cast<long>(at), bytes.begin(), bytes.end());
   if (!boxes.xmp.empty()) {
     const Bytes uuid = Box("uuid").bytes(xmpUsertype()).str(boxes.xmp).build();
     out.insert(out.end(), uuid.begin(), uuid.end());
@@ -152,22 +104,9 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
 Bytes ffmpegMovie(const std::string& options, double seconds) {
   TempDir dir;
   const std::string path = dir.file("movie.mp4");
-  run("ffmpeg -v error -y -f lavfi -i testsrc=size=384x192:rate=30 -t " + std::to_string(seconds) +
-      " -threads 1 " + options + " '" + path + "'");
+  run("ffmpeg -v error -y -f lavfi -i testsrc=size=384x192:rate=30 -t " + std::to_string(seconds) + " -threads 1 " +
+      options + " '" + path + "'");
   return readFile(path);
-}
-
-CameraBoxes turningCameraBoxes(const std::string& stitcher) {
-  const SensorLog log = turningCamera(1.0, 0.5);
-  CameraBoxes boxes;
-  boxes.model = "KORVU ZEPRA N2";
-  boxes.makerNote = TiffBuilder(kBigEndian).build(cameraIfd0(cameraMakerNote(), "KORVU ZEPRA N2", "2.00.1"));
-  boxes.udta = {SampleBox("KDTB").rate(200).add(log.gyro).build(), SampleBox("KDTC").rate(30).add(log.compass).build(),
-                SampleBox("KDTD").rate(30).add(log.gravity).build(), SampleBox("KDTG").add(log.stamps).build()};
-  boxes.location = "+48.8584+002.2945/";
-  boxes.sphericalXml = sphericalXmlText(stitcher, -45, 10, 100);
-  boxes.xmp = xmpText("Editor 7");
-  return boxes;
 }
 
 }  // namespace sondex::test

@@ -1,8 +1,5 @@
 // Camera-like movies: the boxes the camera writes, injected into a real
-// movie made by ffmpeg. The maker note, sensor logs, model and location go
-// into moov.udta, the spherical-video XML into the video track, the XMP
-// packet after the movie box; box sizes and, when the media data follows
-// the movie box, chunk offsets are fixed up.
+// movie made by ffmpeg, with box sizes and chunk offsets fixed up.
 #pragma once
 
 #include <string>
@@ -21,20 +18,13 @@ struct CameraBoxes {
   std::string xmp;           // XMP uuid payload at the top level
 };
 
-// The extended types of the two uuid boxes.
-Bytes sphericalUsertype();
-Bytes xmpUsertype();
-
+Bytes xmpUsertype();  // the extended type of the XMP uuid box
 // A spherical-video XML with the given stitching software and initial view.
 std::string sphericalXmlText(const std::string& software, int heading, int pitch, int fov);
 std::string xmpText(const std::string& creatorTool);
 
-// The boxes of a "KORVU ZEPRA N2" turning at half a radian per second for a
-// second: maker note, the four sensor logs, location, spherical XML (with
-// the given stitching software) and XMP.
-CameraBoxes turningCameraBoxes(const std::string& stitcher);
-
-// The movie with the camera's boxes added.
+// The movie with the camera's boxes added: the user data into moov.udta, the
+// spherical XML into the video track, the XMP after the movie box.
 Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes);
 
 // Makes a movie with ffmpeg (lavfi test source; extra options such as the

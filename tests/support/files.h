@@ -8,8 +8,7 @@
 
 namespace sondex::test {
 
-// A fresh directory under the system's temporary folder, removed with its
-// content at destruction.
+// A fresh temporary directory, removed with its content at destruction.
 class TempDir {
  public:
   TempDir();
@@ -20,8 +19,7 @@ class TempDir {
   const std::string& path() const { return path_; }
   std::string file(const std::string& name) const { return path_ + "/" + name; }
   std::wstring wfile(const std::string& name) const;
-  // Writes bytes to name and returns the full path.
-  std::string write(const std::string& name, const Bytes& bytes) const;
+  std::string write(const std::string& name, const Bytes& bytes) const;  // returns the full path
 
  private:
   std::string path_;
@@ -40,17 +38,15 @@ class ConsoleCapture {
   ConsoleCapture(const ConsoleCapture&) = delete;
   ConsoleCapture& operator=(const ConsoleCapture&) = delete;
 
-  // The bytes written so far (UTF-8).
-  std::string text() const;
+  std::string text() const;  // the bytes written so far (UTF-8)
 
  private:
   FILE* file_;
   FILE* previous_;
 };
 
-// Runs a shell command; returns its standard output. Fails the test on a
-// non-zero status unless allowed.
-std::string run(const std::string& command, int* status = nullptr);
+// Runs a shell command; returns its standard output, or throws when it fails.
+std::string run(const std::string& command);
 bool haveProgram(const std::string& name);
 
 }  // namespace sondex::test

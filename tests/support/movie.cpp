@@ -13,10 +13,7 @@ std::unique_ptr<MP4::Container> attachBytes(const TempDir& dir, const Bytes& byt
 
 std::vector<MP4::BOX*> findAll(const MP4::Container& movie, const char* path) {
   std::vector<MP4::BOX*> found;
-  movie.find(path, [&found](MP4::BOX& box) {
-    found.push_back(&box);
-    return true;
-  });
+  movie.find(path, [&found](MP4::BOX& box) { return found.push_back(&box), true; });
   return found;
 }
 
@@ -24,7 +21,5 @@ MP4::BOX* findFirst(const MP4::Container& movie, const char* path) {
   const std::vector<MP4::BOX*> found = findAll(movie, path);
   return found.empty() ? nullptr : found.front();
 }
-
-std::string typeText(const MP4::BOX& box) { return std::string(box.type.begin(), box.type.end()); }
 
 }  // namespace sondex::test

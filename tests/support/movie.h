@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "mp4/box.h"
 #include "mp4/container.h"
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"
@@ -16,15 +15,12 @@ namespace sondex::test {
 std::unique_ptr<MP4::Container> attachBytes(const TempDir& dir, const Bytes& bytes,
                                             const std::string& name = "movie.mp4");
 
-// Every box matching path, in visiting order.
+// Every box matching path, in visiting order; the first one; the first one as T.
 std::vector<MP4::BOX*> findAll(const MP4::Container& movie, const char* path);
 MP4::BOX* findFirst(const MP4::Container& movie, const char* path);
-
 template <class T>
 T* findTyped(const MP4::Container& movie, const char* path) {
   return dynamic_cast<T*>(findFirst(movie, path));
 }
-
-std::string typeText(const MP4::BOX& box);
 
 }  // namespace sondex::test

@@ -1,14 +1,7 @@
-// A readable builder for MP4 boxes. Sizes are patched when the box is
-// built; rawSize() and largeSize() write the header forms on purpose,
-// including wrong sizes for hostile cases.
-//
-//   Bytes movie = Box("moov")
-//       .child(Box("udta").child(Box("KMKN").bytes(makerNote)))
-//       .build();
-//   Bytes stts = Box::full("stts", 0, 0).u32(3).u32(1).u32(1001).build();
+// A readable builder for MP4 boxes of four-byte types ("\xA9xyz" is fine), Box("moov").child(Box("udta")).build();
+// the size is patched in when the box is built, unless rawSize() or largeSize() asks for a header form.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -18,36 +11,21 @@ namespace sondex::test {
 
 class Box : public ByteWriter {
  public:
-  // type is four characters; "\xA9xyz" and the like are fine.
   explicit Box(const std::string& type);
   // A full box: version and 24-bit flags open the payload.
   static Box full(const std::string& type, uint8_t version, uint32_t flags);
 
-  Box& child(const Box& box) {
-    bytes(box.build());
-    return *this;
-  }
+  Box& child(const Box& box) { return bytes(box.build()); }
   // Write this value in the 32-bit size field instead of the real size.
-  Box& rawSize(uint32_t size) {
-    rawSize_ = size;
-    return *this;
-  }
-  // Use the 64-bit header form (size field 1); the large size is the real
-  // size unless given.
-  Box& largeSize(std::optional<uint64_t> size = std::nullopt) {
-    large_ = true;
-    largeValue_ = size;
-    return *this;
-  }
+  Box& rawSize(uint32_t size) { return rawSize_ = size, *this; }
+  // The 64-bit header form (size field 1, then the real size).
+  Box& largeSize() { return large_ = true, *this; }
 
-  // Chainable writers returning Box&.
   Box& u8(uint8_t v) { return as(ByteWriter::u8(v)); }
   Box& u16(uint16_t v) { return as(ByteWriter::u16(v)); }
   Box& u24(uint32_t v) { return as(ByteWriter::u24(v)); }
   Box& u32(uint32_t v) { return as(ByteWriter::u32(v)); }
   Box& u64(uint64_t v) { return as(ByteWriter::u64(v)); }
-  Box& i32(int32_t v) { return as(ByteWriter::i32(v)); }
-  Box& f32(float v) { return as(ByteWriter::f32(v)); }
   Box& fixed(double v) { return as(ByteWriter::fixed(v)); }
   Box& str(const std::string& t) { return as(ByteWriter::str(t)); }
   Box& bytes(const Bytes& b) { return as(ByteWriter::bytes(b)); }
@@ -55,7 +33,6 @@ class Box : public ByteWriter {
   Box& zeros(size_t n) { return as(ByteWriter::zeros(n)); }
 
   Bytes build() const;
-  size_t headerSize() const { return large_ ? 16 : 8; }
 
  private:
   Box& as(ByteWriter&) { return *this; }
@@ -63,10 +40,8 @@ class Box : public ByteWriter {
   std::string type_;
   std::optional<uint32_t> rawSize_;
   bool large_ = false;
-  std::optional<uint64_t> largeValue_;
 };
 
-// Common boxes with the fields the parser reads.
 Box mvhd(uint32_t timeScale, uint32_t duration, uint32_t creation = 0);
 Box tkhd(uint32_t width, uint32_t height, uint32_t creation = 0);
 Box mdhd(uint32_t timeScale, uint32_t duration, uint32_t creation = 0);
@@ -74,8 +49,6 @@ Box mdhd(uint32_t timeScale, uint32_t duration, uint32_t creation = 0);
 Box avc1(uint16_t width, uint16_t height);
 // A "trak" holding tkhd, mdia/mdhd and mdia/minf/stbl with the given stbl children.
 Box videoTrak(uint32_t width, uint32_t height, const Box& stsd, const Bytes& otherStblChildren = {});
-
-// Concatenation of top-level boxes.
 Bytes concat(std::initializer_list<Bytes> parts);
 
 }  // namespace sondex::test

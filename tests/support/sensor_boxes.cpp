@@ -22,43 +22,19 @@ SampleBox::SampleBox(const std::string& code, bool bigEndian)
   recordSize(code);
 }
 
-SampleBox& SampleBox::value(float v, int) {
-  records_.f32(v);
-  return *this;
-}
-
-SampleBox& SampleBox::value(int16_t v, int) {
-  records_.i16(v);
-  return *this;
-}
-
-SampleBox& SampleBox::add(const Orientation& r) {
-  records_.f32(r.w).f32(r.x).f32(r.y).f32(r.z).u64(r.t);
-  ++written_;
-  return *this;
-}
-
-SampleBox& SampleBox::add(const YawCorrection& r) {
-  records_.f32(r.yaw).f32(r.lockDir).f32(r.yawAlternate).f32(r.lockDirAlternate).u64(r.t);
-  ++written_;
-  return *this;
-}
-
 SampleBox& SampleBox::add(uint64_t stamp) {
   records_.u64(stamp);
   ++written_;
   return *this;
 }
 
-Box SampleBox::box() const {
+Bytes SampleBox::build() const {
   ByteWriter header(bigEndian_);
   header.u32(count_.value_or(written_)).u16(rate_).u16(unitSize_.value_or(recordSize(code_)));
   // The mark is read as a little-endian value whatever the box's order.
   ByteWriter mark(false);
   mark.u16(mark_.value_or(bigEndian_ ? 0x3210 : 0x0123)).zeros(6);
-  Box box(code_);
-  box.bytes(header.data()).bytes(mark.data()).bytes(records_.data());
-  return box;
+  return Box(code_).bytes(header.data()).bytes(mark.data()).bytes(records_.data()).build();
 }
 
 Bytes sensorMovie(std::initializer_list<Bytes> udtaChildren) {
@@ -74,15 +50,12 @@ SensorLog turningCamera(double seconds, double yawRate, double tilt, int gyroHz,
   log.gravityRate = static_cast<uint16_t>(gravityHz);
   // The true vertical seen from a camera tilted about its first axis.
   const double up[3] = {0, std::cos(tilt), -std::sin(tilt)};
-  const auto gyroCount = static_cast<size_t>(seconds * gyroHz);
-  log.gyro.reserve(gyroCount);
-  for (size_t i = 0; i < gyroCount; ++i) {
+  for (size_t i = 0; i < static_cast<size_t>(seconds * gyroHz); ++i) {
     const uint64_t t = kStart + i * 1000000000ULL / static_cast<uint64_t>(gyroHz);
     log.gyro.push_back({static_cast<float>(up[0] * yawRate), static_cast<float>(up[1] * yawRate),
                         static_cast<float>(up[2] * yawRate), 0, t});
   }
-  const auto gravityCount = static_cast<size_t>(seconds * gravityHz);
-  for (size_t i = 0; i < gravityCount; ++i) {
+  for (size_t i = 0; i < static_cast<size_t>(seconds * gravityHz); ++i) {
     const uint64_t t = kStart + i * 1000000000ULL / static_cast<uint64_t>(gravityHz);
     const double heading = yawRate * static_cast<double>(t - kStart) / 1e9;
     log.gravity.push_back(

@@ -1,19 +1,16 @@
-// Builders for the camera's sensor sample boxes (KDTB, KDTC, KDTD, KDTG,
-// KDTH, KDTI): the sample header and fixed-size records in either byte
-// order, with the stated count, unit size and byte-order mark open to
-// deliberate damage; and synthetic sensor logs with known answers.
-//
-//   Bytes movie = sensorMovie({SampleBox("KDTD").rate(30).add(Gravity{0, 16384, 0, 0, 1000}).build(),
-//                              SampleBox("KDTB", kBigEndian).count(0xFFFFFFFF).build()});
+// Builders for the camera's sensor sample boxes (KDTB, KDTC, KDTD, KDTG, KDTH, KDTI) in either byte
+// order, their header open to deliberate damage; and synthetic sensor logs with known answers.
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
-#include "sensor/accel_sensor_stream.h"
+#include "sensor/sample_records.h"
 #include "tests/support/mp4_builder.h"
 
 namespace sondex::test {
@@ -24,35 +21,27 @@ using Gravity = AccelSensorStreamEmbed::TopBottomCorrection;
 using Orientation = AccelSensorStreamEmbed::Quaternion;
 using YawCorrection = AccelSensorStreamEmbed::YawCorrection;
 
-
 class SampleBox {
  public:
   // code is one of the six sample box types; its record size is the unit size.
   explicit SampleBox(const std::string& code, bool bigEndian = false);
 
-  SampleBox& rate(uint16_t v) {
-    rate_ = v;
-    return *this;
-  }
+  SampleBox& rate(uint16_t v) { return set(rate_, v); }
   // Written instead of the real count / record size / mark.
-  SampleBox& count(uint32_t v) {
-    count_ = v;
-    return *this;
-  }
-  SampleBox& unitSize(uint16_t v) {
-    unitSize_ = v;
-    return *this;
-  }
-  SampleBox& mark(uint16_t v) {
-    mark_ = v;
-    return *this;
-  }
+  SampleBox& count(uint32_t v) { return set(count_, v); }
+  SampleBox& unitSize(uint16_t v) { return set(unitSize_, v); }
+  SampleBox& mark(uint16_t v) { return set(mark_, v); }
 
-  SampleBox& add(const Gyro& r) { return xyzt(r, 4); }
-  SampleBox& add(const Ecompass& r) { return xyzt(r, 4); }
-  SampleBox& add(const Gravity& r) { return xyzt(r, 2); }
-  SampleBox& add(const Orientation& r);
-  SampleBox& add(const YawCorrection& r);
+  // Every record is four fields of one width (16 bits in KDTD, 32 in the
+  // others) and then its 64-bit time; a KDTG record is the time alone.
+  template <class R>
+  requires std::is_class_v<R> SampleBox& add(const R& r) {
+    using Field = std::conditional_t<sizeof(R) == 16, uint16_t, uint32_t>;
+    Field fields[4];
+    std::memcpy(fields, &r, sizeof fields);
+    for (const Field v : fields) sizeof(Field) == 2 ? records_.u16(v) : records_.u32(v);
+    return add(r.t);
+  }
   SampleBox& add(uint64_t stamp);
   template <class R>
   SampleBox& add(const std::vector<R>& records) {
@@ -60,30 +49,14 @@ class SampleBox {
     return *this;
   }
 
-  // Bytes after the records that are not counted as records.
-  SampleBox& zeros(size_t n) {
-    records_.zeros(n);
-    return *this;
-  }
-
-  Box box() const;
-  Bytes build() const { return box().build(); }
+  Bytes build() const;
 
  private:
-  template <class R>
-  SampleBox& xyzt(const R& r, int width) {
-    value(r.x, width).value(r.y, width).value(r.z, width);
-    if (width == 2) {
-      records_.u16(r.reserved);
-    } else {
-      records_.u32(r.reserved);
-    }
-    records_.u64(r.t);
-    ++written_;
+  template <class T, class V>
+  SampleBox& set(T& field, V v) {
+    field = v;
     return *this;
   }
-  SampleBox& value(float v, int width);
-  SampleBox& value(int16_t v, int width);
 
   std::string code_;
   bool bigEndian_;
