@@ -12,6 +12,8 @@
 # With KILLED_IN=<log of an earlier run>, only the mutants that run killed are
 # tried again (the others count as surviving): a quick check that a changed
 # test suite still catches what the earlier one caught, on the same program.
+# With RESUME=<log of a run that was stopped>, the mutants that log gives a
+# verdict keep it and the run goes on from where that one ended.
 #
 # It works on a copy of the working tree in build-mutation/ (the tree itself
 # is never changed) and prints one line per mutant, then the score. Not run
@@ -35,7 +37,7 @@ command -v ccache > /dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_FLAGS="-O1" "${launcher[@]}" > /dev/null
 cmake --build "$build" -j"$(nproc)" > "$work/build.log" 2>&1 || { tail -n 30 "$work/build.log"; exit 1; }
 
-python3 - "$src" "$build" "$count" "$seed" "${KILLED_IN:-}" <<'EOF'
+python3 - "$src" "$build" "$count" "$seed" "${KILLED_IN:-}" "${RESUME:-}" <<'EOF'
 import glob, os, random, re, subprocess, sys
 
 src, build, count, seed = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
@@ -45,6 +47,13 @@ if sys.argv[5]:
     lines_before = [line.split(None, 1) for line in open(sys.argv[5], encoding="utf-8")]
     tried_before = {rest.rstrip("\n") for word, rest in lines_before if word in ("killed", "LIVED")}
     killed_before = {rest.rstrip("\n") for word, rest in lines_before if word == "killed"}
+# Verdicts of a stopped run, by mutant.
+resumed = {}
+if sys.argv[6]:
+    for line in open(sys.argv[6], encoding="utf-8"):
+        word, _, rest = line.rstrip("\n").partition(" ")
+        if word in ("killed", "LIVED"):
+            resumed[rest.strip().removesuffix("(before)").strip()] = word == "killed"
 folders = ("cli", "gltk", "mp4", "h264", "exif", "sensor", "report")
 jobs = str(os.cpu_count() or 2)
 
@@ -140,6 +149,11 @@ for path, n, at, old, new in sites:
         what = f"{old.strip()} -> {new.strip()}: {lines[n].strip()}"
         lines[n] = lines[n][:at] + new + lines[n][at + len(old):]
     name = f"{path}:{n + 1}  {what[:110]}"
+    if name.strip() in resumed:
+        tried += 1
+        killed += resumed[name.strip()]
+        print(f"{'killed ' if resumed[name.strip()] else 'LIVED  '} {name}", flush=True)
+        continue
     if tried_before is not None and name not in killed_before:
         if name in tried_before:
             tried += 1
