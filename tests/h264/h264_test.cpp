@@ -3,7 +3,6 @@
 // must write back bit for bit, and after -set1 ffmpeg's own SPS parser must read only the intended changes.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <map>
 #include <sstream>
 
@@ -103,10 +102,7 @@ TEST(AVCC, EveryRecordWritesBackAndRewritesAsInTheGoldenFile) {
   };
   std::string text;
   for (const auto& [name, hex] : records) text += walk(name, hex);
-  const char* dir = std::getenv("SONDEX_SOURCE_DIR");
-  const std::string path = std::string(dir ? dir : ".") + "/tests/h264/golden/records.txt";
-  if (std::getenv("SONDEX_UPDATE_GOLDEN")) writeFile(path, Bytes(text.begin(), text.end()));
-  EXPECT_EQ(text, readText(path));
+  EXPECT_EQ(text, golden("tests/h264/golden/records.txt", text));
 }
 
 // The record's SPS as ffmpeg's trace_headers reads it, by element name (HRD elements prefixed "nal_" or "vcl_").

@@ -118,7 +118,7 @@ TEST(ViewHeading, ReadsValuesIndentedByTwoBlanksThatScan) {
 // Copies of the sample stills: read, damaged, cut, emptied or grown to
 // 1 GiB without a header (which the DNG reader must not load).
 TEST(StillReader, FailuresPrintTheirLineAndLeaveNothingBehind) {
-  const std::string samples = std::string(std::getenv("SONDEX_SOURCE_DIR")) + "/samples/";
+  const std::string samples = sourcePath("samples/");
   TempDir dir;
   Bytes jpeg = readFile(samples + "sample.jpg");
   const std::string jpg = dir.write("s.jpg", jpeg), dng = dir.write("s.dng", readFile(samples + "sample.dng"));

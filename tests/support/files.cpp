@@ -61,6 +61,17 @@ std::string ConsoleCapture::text() const {
   return readText("/proc/self/fd/" + std::to_string(fileno(file_)));  // from the start, whatever the position
 }
 
+std::string sourcePath(const std::string& relative) {
+  const char* root = std::getenv("SONDEX_SOURCE_DIR");
+  return std::string(root != nullptr ? root : ".") + "/" + relative;
+}
+
+std::string golden(const std::string& relative, const std::string& produced) {
+  if (std::getenv("SONDEX_UPDATE_GOLDEN") != nullptr)
+    writeFile(sourcePath(relative), Bytes(produced.begin(), produced.end()));
+  return readText(sourcePath(relative));
+}
+
 std::string run(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) throw std::runtime_error("popen failed: " + command);

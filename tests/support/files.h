@@ -45,6 +45,11 @@ class ConsoleCapture {
   FILE* previous_;
 };
 
+// A file of the source tree (SONDEX_SOURCE_DIR, or the working directory).
+std::string sourcePath(const std::string& relative);
+// The text of a golden file of the source tree; SONDEX_UPDATE_GOLDEN=1 first rewrites it with produced.
+std::string golden(const std::string& relative, const std::string& produced);
+
 // Runs a shell command; returns its standard output, or throws when it fails.
 std::string run(const std::string& command);
 bool haveProgram(const std::string& name);
