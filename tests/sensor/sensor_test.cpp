@@ -128,26 +128,6 @@ TEST(Orientation, HeadingsFollowTheCompassAndVerdictsWeighTheAxes) {
   }
 }
 
-TEST(Orientation, LoadGen2PairsGravityWithCompassOrFailsWithThreeLines) {
-  const SensorLog log = turningCamera(101.0 / 30, 0.1);
-  const std::vector<Ecompass> compass(log.compass.begin(), log.compass.end() - 1);
-  S stream;
-  ConsoleCapture capture;
-  EXPECT_FALSE(stream.loadGen2(
-      Read{sensorMovie({SampleBox("KDTC").add(compass).build(), SampleBox("KDTD").add(log.gravity).build()})}.logs,
-      30));
-  EXPECT_EQ(capture.text(), "KDTD: No KDTG entries.\nKDTC/KDTD is not enough size.\n  KDTC:   100\n  KDTD/G: 101\n");
-  // Upside down, KDTI present so KDTD is taken plain; the field along -x reads as 90 degrees.
-  const Read upsideDown(sensorMovie({SampleBox("KDTC").add(Ecompass{-30, 0, 0, 0, 1}).build(),
-                                     SampleBox("KDTD").add(Gravity{0, 0, -16384, 0, 1}).build(),
-                                     SampleBox("KDTI").add(YawCorrection{}).build()}));
-  ASSERT_TRUE(stream.loadGen2(upsideDown.logs, 15));
-  const TAccelSensorInfo& e = stream.sensorTable.at(0);
-  EXPECT_EQ(std::tuple(stream.sampleCount, stream.rate, stream.step, e.axis[0], e.axis[1], e.axis[2], e.orientation,
-                       e.auxiliary),
-            std::tuple(1, 100, 2, 0, 16384, 0, int16_t{9000}, 20));
-}
-
 TEST(YawStabilizer, ModesGenerationsAndKDTIValues) {
   const int modes[] = {0, 1, 0, 2, 1, 2, 0, 0, 0, 1, 0, 2};
   for (int v = 0; v < 12; ++v) EXPECT_EQ(Mode::yawMode(ExifParser::VIDEO_STABILIZATION(v)), modes[v]) << v;

@@ -1,7 +1,6 @@
 // Byte writers for the fixture builders: big-endian (as a sensor box marked 0x3210) unless told otherwise.
 #pragma once
 
-#include <bit>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -23,8 +22,6 @@ class ByteWriter {
   ByteWriter& u24(uint32_t v) { return uint(v, 3); }
   ByteWriter& u32(uint32_t v) { return uint(v, 4); }
   ByteWriter& u64(uint64_t v) { return uint(v, 8); }
-  ByteWriter& i16(int16_t v) { return uint(static_cast<uint16_t>(v), 2); }
-  ByteWriter& f32(float v) { return u32(std::bit_cast<uint32_t>(v)); }
   // Signed 16.16 fixed point.
   ByteWriter& fixed(double v) { return u32(static_cast<uint32_t>(static_cast<int32_t>(v * 65536.0))); }
   ByteWriter& str(const std::string& text) { return bytes(Bytes(text.begin(), text.end())); }

@@ -3,22 +3,12 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "gltk/byte_order.h"
 #include "mp4/boxes.h"
 #include "tests/support/movie.h"
 #include "tests/support/mp4_builder.h"
 
 namespace sondex::test {
-
-namespace {
-
-// Adds delta to the big-endian n-byte number at.
-void addBE(Bytes& bytes, uint64_t at, uint64_t delta, int n) {
-  uint64_t v = 0;
-  for (int i = 0; i < n; ++i) v = v << 8 | bytes[at + i];
-  for (int i = 0; i < n; ++i) bytes[at + i] = static_cast<uint8_t>((v + delta) >> (8 * (n - 1 - i)));
-}
-
-}  // namespace
 
 Bytes xmpUsertype() {
   return {0xBE, 0x7A, 0xCF, 0xCB, 0x97, 0xA9, 0x42, 0xE8, 0x9C, 0x71, 0x99, 0x94, 0x91, 0xE3, 0xAF, 0xAC};
@@ -51,8 +41,12 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
   if (moov == nullptr) throw std::invalid_argument("movie without moov");
   const MP4::BOX* udta = findFirst(*parsed, "moov.udta");
   Bytes out = movie;
+  // Adds delta to the big-endian n-byte number at.
+  auto addBE = [&out](uint64_t at, uint64_t delta, int n) {
+    GLTK::storeBE(&out[at], GLTK::loadBE(&out[at], n) + delta, n);
+  };
   auto grow = [&](const MP4::BOX& box, uint64_t delta) {
-    addBE(out, box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4);
+    addBE(box.start + (box.largeSize ? 8 : 0), delta, box.largeSize ? 8 : 4);
   };
 
   Bytes udtaChildren;
@@ -88,7 +82,7 @@ Bytes injectCameraBoxes(const Bytes& movie, const CameraBoxes& boxes) {
     for (MP4::BOX* box : findAll(*parsed, path)) {
       const auto& table = static_cast<const MP4::STCO&>(*box);
       for (uint64_t i = 0; parsed->mdat != nullptr && parsed->mdat->start > moov->start && i < table.entryCount; ++i) {
-        addBE(out, table.entryOffset + width * i, moovGrowth, width);
+        addBE(table.entryOffset + width * i, moovGrowth, width);
       }
     }
   }
