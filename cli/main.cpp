@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "cli/json_mode.h"
 #include "cli/process.h"
 #include "gltk/console.h"
 #include "gltk/wchar.h"
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
   // A write past the file-size limit must fail like any other short write
   // (so a rewrite can clean up after itself), not kill the process.
   std::signal(SIGXFSZ, SIG_IGN);
+  if (cli::wantsLongOptions(argc, argv)) return cli::longOptions(argc, argv);
   // Ten wide argument slots; each converted argument lives until the
   // process ends.
   static wchar_t* arguments[10] = {};

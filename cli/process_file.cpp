@@ -17,21 +17,9 @@
 
 namespace {
 
-enum class Kind { Movie, Jpeg, Dng };
-
 bool endsWith(const wchar_t* path, size_t n, const wchar_t* suffix) {
   const size_t k = std::wcslen(suffix);
   return wcscasecmp(path + n - k, suffix) == 0;
-}
-
-// By the end of the name, any case. A name of just ".JPG" (or ".JPEG") has
-// nothing before the dot and is taken as a movie.
-Kind kindOf(const wchar_t* path) {
-  const size_t n = std::wcslen(path);
-  if (n >= 5 && endsWith(path, n, L".DNG")) return Kind::Dng;
-  if (n >= 5 && endsWith(path, n, L".JPG")) return Kind::Jpeg;
-  if (n >= 6 && endsWith(path, n, L".JPEG")) return Kind::Jpeg;
-  return Kind::Movie;
 }
 
 bool processStill(const wchar_t* path, bool isDNG, bool dump) {
@@ -90,6 +78,8 @@ void dumpMakerNotes(const MetaReader& reader, const wchar_t* path) {
   GLTK::Console::out(L"%ls\n", GLTK::wchar::mbs2wcs(reader.probe.xmpPacket).c_str());
 }
 
+}  // namespace
+
 // A dump path that names the source file itself, by any spelling or link,
 // would replace the movie with samples: all of them are checked before any
 // file is opened for writing.
@@ -108,6 +98,39 @@ bool dumpsSpareTheSource(const wchar_t* path, std::initializer_list<const wchar_
   return spared;
 }
 
+namespace {}  // namespace
+
+Kind kindOf(const wchar_t* path) {
+  const size_t n = std::wcslen(path);
+  if (n >= 5 && endsWith(path, n, L".DNG")) return Kind::Dng;
+  if (n >= 5 && endsWith(path, n, L".JPG")) return Kind::Jpeg;
+  if (n >= 6 && endsWith(path, n, L".JPEG")) return Kind::Jpeg;
+  return Kind::Movie;
+}
+
+bool writeDumps(MetaReader& reader, const wchar_t* kdtdPath, const wchar_t* kdtbPath, const wchar_t* kdtcPath) {
+  bool ok = true;
+  if (kdtdPath != nullptr) {
+    size_t next = 0;
+    const std::vector<float>& yaw = reader.yawStabilizer.table();
+    ok = reader.dumpXYZT(reader.gravitySamples(), kdtdPath, [&](std::ostream& out) {
+      if (next >= yaw.size()) return;
+      const float value = yaw[next++];
+      out << ",\"yaw\":";
+      if (std::isfinite(value)) {
+        out << value;
+      } else {
+        out << "null";
+      }
+    });
+  }
+  if (kdtbPath != nullptr && ok) ok = reader.dumpXYZT(reader.gyroSamples(), kdtbPath, [](std::ostream&) {});
+  if (kdtcPath != nullptr && ok) ok = reader.dumpXYZT(reader.compassSamples(), kdtcPath, [](std::ostream&) {});
+  return ok;
+}
+
+namespace {
+
 bool readAndReport(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* kdtbPath, const wchar_t* kdtcPath,
                    bool set1, bool dump) {
   const Kind kind = kindOf(path);
@@ -119,22 +142,7 @@ bool readAndReport(const wchar_t* path, const wchar_t* kdtdPath, const wchar_t* 
 
   if (set1 && ok && reader->probe.codec == 1) applySet1(reader, path, ok);
 
-  if (kdtdPath != nullptr && ok) {
-    size_t next = 0;
-    const std::vector<float>& yaw = reader->yawStabilizer.table();
-    ok = reader->dumpXYZT(reader->gravitySamples(), kdtdPath, [&](std::ostream& out) {
-      if (next >= yaw.size()) return;
-      const float value = yaw[next++];
-      out << ",\"yaw\":";
-      if (std::isfinite(value)) {
-        out << value;
-      } else {
-        out << "null";
-      }
-    });
-  }
-  if (kdtbPath != nullptr && ok) ok = reader->dumpXYZT(reader->gyroSamples(), kdtbPath, [](std::ostream&) {});
-  if (kdtcPath != nullptr && ok) ok = reader->dumpXYZT(reader->compassSamples(), kdtcPath, [](std::ostream&) {});
+  if (ok) ok = writeDumps(*reader, kdtdPath, kdtbPath, kdtcPath);
   if (!ok) return false;
 
   reader->dumpToJSON();

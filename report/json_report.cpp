@@ -58,18 +58,19 @@ std::wstring toJsonValueL(const std::string& text) {
   return L"\"" + wide + L"\"";
 }
 
+const char* MetaReader::typeName() const {
+  const int32_t projection = probe.record.projectionType;
+  if (projection == ExifParser::PROJECTION_DUAL_FISHEYE) return "dualfish";
+  if (projection == ExifParser::PROJECTION_EQUIRECTANGULAR) return "equi";
+  // An unknown camera's 2:1 movie.
+  if (projection == 0 && probe.cameraVersion == 0 && probe.width / 2 == probe.height) return "equi";
+  return "unknown";
+}
+
+const char* MetaReader::codecName() const { return probe.codec == 1 ? "H264" : probe.codec == 2 ? "H265" : "unknown"; }
+
 void MetaReader::dumpToJSON() const {
   const ExifParser::ZEPRA record = probe.record;
-
-  const wchar_t* type = L"unknown";
-  if (record.projectionType == ExifParser::PROJECTION_DUAL_FISHEYE) {
-    type = L"dualfish";
-  } else if (record.projectionType == ExifParser::PROJECTION_EQUIRECTANGULAR) {
-    type = L"equi";
-  } else if (record.projectionType == 0 && probe.cameraVersion == 0 && probe.width / 2 == probe.height) {
-    type = L"equi";  // an unknown camera's 2:1 movie
-  }
-  const wchar_t* codec = probe.codec == 1 ? L"H264" : probe.codec == 2 ? L"H265" : L"unknown";
 
   std::wostringstream tail;
   recordTexts(tail, record);
@@ -101,9 +102,9 @@ void MetaReader::dumpToJSON() const {
   // finite; like its bit rate, it prints as 0.
   const double duration = std::isfinite(probe.duration) ? probe.duration : 0.0;
   GLTK::Console::out(
-      L"result: {\"status\":\"succeed\", \"hasKDTD\":%ls, \"type\":\"%ls\", \"codec\":\"%ls\", \"decodable\":%ls, "
+      L"result: {\"status\":\"succeed\", \"hasKDTD\":%ls, \"type\":\"%s\", \"codec\":\"%s\", \"decodable\":%ls, "
       L"\"hasSpatialSound\":%ls, \"hasSA3DSound\":%ls, \"duration\":%0.2f, \"videoBitRate\":%u%ls}\n",
-      yesNo(!gravitySamples().empty()), type, codec, yesNo(probe.width >= 1), yesNo(hasSpatialSound),
+      yesNo(!gravitySamples().empty()), typeName(), codecName(), yesNo(probe.width >= 1), yesNo(hasSpatialSound),
       yesNo(hasSA3DSound), duration, bitRateField(probe.videoBitRate), tail.str().c_str());
 }
 

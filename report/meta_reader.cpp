@@ -18,7 +18,7 @@ constexpr MP4::UUID::Usertype kSphericalVideo = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0
 
 }  // namespace
 
-bool MetaReader::parse(const wchar_t* file) {
+bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   path = file;
   sphericalText.clear();
   locationText.clear();
@@ -35,7 +35,9 @@ bool MetaReader::parse(const wchar_t* file) {
 
   MP4::Container movie;
   const bool ok = probe.probe(path, movie);
-  if (!ok) {
+  hasMovieBox = movie.moov != nullptr;
+  hasVideoTrack = movie.videoTrak != nullptr;
+  if (!ok && (needDescription || movie.moov == nullptr)) {
     // A movie that cannot be opened is tried once more, and says so again.
     if (movie.root == nullptr) movie.attach(path, ~0ULL);
     return false;
@@ -97,5 +99,5 @@ bool MetaReader::parse(const wchar_t* file) {
     }
     return true;
   });
-  return ok;
+  return true;
 }

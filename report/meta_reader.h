@@ -16,9 +16,13 @@
 
 class MetaReader {
  public:
-  // Movies.
-  bool parse(const wchar_t* path);
+  // Movies. False when the movie cannot be read or, with needDescription,
+  // cannot be described; without it, a movie box is enough.
+  bool parse(const wchar_t* path, bool needDescription = true);
   void dumpToJSON() const;
+  // The report's "type" (projection) and "codec" texts.
+  const char* typeName() const;
+  const char* codecName() const;
   template <class T>
   bool dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& path,
                 std::function<void(std::ostream&)> extra);
@@ -57,10 +61,15 @@ class MetaReader {
   bool constrainedSet1Flag = false;
   bool fullRange = false;
   bool hasSA3DSound = false;
+  bool hasMovieBox = false;
+  bool hasVideoTrack = false;  // a track whose header gives a width
 
   // The still's camera record and, for DNG, where the embedded JPEG preview
   // and the two stitching tables lie.
   ExifParser::ZEPRA stillRecord;
+  // Why the last still could not be read: the Exif walker's message, or a
+  // few words on the file; empty after a success.
+  std::string stillFailure;
   uint32_t previewOffset = 0;
   uint32_t previewLength = 0;
   uint32_t affineTable1Offset = 0;

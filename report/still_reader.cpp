@@ -26,12 +26,14 @@ bool readFailed(uint64_t count) { return static_cast<int64_t>(count) < 1; }
 bool MetaReader::parse_JPEG(const wchar_t* path, bool dump) {
   this->path = path;
   stillRecord.clear();
+  stillFailure = "cannot be opened";
   bool ok = false;
   GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
     auto bytes = std::make_unique_for_overwrite<unsigned char[]>(kJpegHeadBytes);
     const uint64_t count = file.read(bytes.get(), kJpegHeadBytes);
     if (readFailed(count)) {
       GLTK::Console::out(L"FileIO.read(%ls) failed.\n", path);
+      stillFailure = count == 0 ? "empty file" : "cannot be read";
       return;
     }
     try {
@@ -40,6 +42,7 @@ bool MetaReader::parse_JPEG(const wchar_t* path, bool dump) {
       parser.seekToKORVUMakerNote();
       parser.readZERPA(stillRecord);
       ok = true;
+      stillFailure.clear();
       if (dump) {
         parser.dumpKMKN();
         GLTK::Console::out(L"\n");
@@ -47,6 +50,7 @@ bool MetaReader::parse_JPEG(const wchar_t* path, bool dump) {
     } catch (const char* message) {
       GLTK::Console::out(L"ExifParser::attachJPEG() for '%ls' failed - %ls\n", path,
                          GLTK::wchar::mbs2wcs(message).c_str());
+      if (!ok) stillFailure = message;
     }
   });
   return ok;
@@ -57,6 +61,7 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
   stillRecord.clear();
   previewOffset = previewLength = 0;
   affineTable1Offset = affineTable1Length = affineTable2Offset = affineTable2Length = 0;
+  stillFailure = "cannot be opened";
   bool ok = false;
   GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
     // The walker reads the file on demand, behind the synthetic header, so
@@ -67,6 +72,7 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
     unsigned char first;
     if (length == 0 || readFailed(file.read_at(&first, 1, 0))) {
       GLTK::Console::out(L"FileIO.read(%ls) failed.\n", path);
+      stillFailure = length == 0 ? "empty file" : "cannot be read";
       return;
     }
     const auto source = [&file](unsigned char* dst, uint64_t n, uint64_t pos) {
@@ -90,6 +96,7 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
       affineTable2Offset = parser.affineTable2Offset;
       affineTable2Length = parser.affineTable2Length;
       ok = true;
+      stillFailure.clear();
       if (dump) {
         parser.dumpKMKN();
         GLTK::Console::out(L"\n");
@@ -99,6 +106,7 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
       }
     } catch (const char* message) {
       GLTK::Console::out(L"ExifParser::attachDNG() failed - %ls\n", GLTK::wchar::mbs2wcs(message).c_str());
+      if (!ok) stillFailure = message;
     }
   });
   return ok;

@@ -1,0 +1,112 @@
+#include "report/json_object.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace {
+
+constexpr int32_t kAbsent = -1;  // a setting whose tag the maker note lacks
+
+void textOrNull(JsonWriter& out, const char* name, const std::string& field) {
+  const std::string text = recordText(field);
+  if (text.empty()) {
+    out.nullMember(name);
+  } else {
+    out.member(name, text);
+  }
+}
+
+void positiveOrNull(JsonWriter& out, const char* name, uint64_t number) {
+  if (number > 0) {
+    out.member(name, number);
+  } else {
+    out.nullMember(name);
+  }
+}
+
+void recordTexts(JsonWriter& out, const ExifParser::ZEPRA& record) {
+  textOrNull(out, "model", record.model);
+  textOrNull(out, "software", record.software);
+  textOrNull(out, "cpuVersion", record.cpuVersion);
+  textOrNull(out, "cameraSerial", record.cameraSerial);
+}
+
+}  // namespace
+
+std::string recordText(const std::string& field) {
+  std::string text(field.c_str());
+  while (!text.empty() && std::strchr(" \t\r\n\f\v", text.back()) != nullptr) text.pop_back();
+  return text;
+}
+
+void movieMembers(JsonWriter& out, const MetaReader& reader) {
+  const Sondex& probe = reader.probe;
+  const ExifParser::ZEPRA& record = probe.record;
+  const bool hasKDTD = !reader.gravitySamples().empty();
+  out.member("hasKDTD", hasKDTD).member("type", reader.typeName()).member("codec", reader.codecName());
+  out.member("decodable", probe.width >= 1);
+  out.member("hasSpatialSound", reader.hasSpatialSound).member("hasSA3DSound", reader.hasSA3DSound);
+  out.member("duration", probe.duration);
+  // Bits per second over the movie's duration, whole: the result line's
+  // value without its 32-bit wrap.
+  out.member("videoBitRate", std::trunc(static_cast<double>(probe.videoBitRate)));
+  recordTexts(out, record);
+  textOrNull(out, "gps", reader.locationText);
+  positiveOrNull(out, "frameWidth", reader.frameWidth);
+  positiveOrNull(out, "frameHeight", reader.frameHeight);
+  out.member("GSpherical:InitialViewHeadingDegrees", reader.viewHeading.heading);
+  out.member("GSpherical:InitialViewPitchDegrees", reader.viewHeading.pitch);
+  out.member("GSpherical:InitialHorizontalFOVDegrees", reader.viewHeading.fov);
+  out.member("GSpherical:InitialCameraDolly", reader.viewHeading.dolly);
+  textOrNull(out, "GSpherical:StitchingSoftware", probe.stitchingSoftware);
+  textOrNull(out, "creatorTool", probe.creatorTool);
+  if (record.adjZenith != kAbsent) {
+    out.member("topBottomCorrection", record.adjZenith == 1);
+  } else {
+    out.nullMember("topBottomCorrection");
+  }
+  if (probe.codec == 1) {
+    out.member("dxvaDecodable", reader.profileIdc == 66 && reader.constrainedSet1Flag);
+  } else {
+    out.nullMember("dxvaDecodable");
+  }
+  if (record.stabilize != kAbsent) {
+    out.member("directionLocked", record.stabilizeFlag2).member("videoStabilization", record.stabilize);
+  } else {
+    out.nullMember("directionLocked").nullMember("videoStabilization");
+  }
+  const std::pair<const char*, uint16_t> rates[] = {{"KDTDSamplingRate", reader.topBottomCorrectionSamplingRate},
+                                                    {"KDTBSamplingRate", reader.gyroSamplingRate},
+                                                    {"KDTCSamplingRate", reader.ecompassSamplingRate}};
+  for (const auto& [name, rate] : rates) {
+    if (hasKDTD) {
+      out.member(name, rate);
+    } else {
+      out.nullMember(name);
+    }
+  }
+  if (record.vQuality == 1 || record.vQuality == 2) {
+    out.member("videoQuality", record.vQuality == 1 ? "normal" : "fine");
+  } else {
+    out.nullMember("videoQuality");
+  }
+  // The description's nominal frame rate, which the result line never shows.
+  if (probe.width >= 1 && probe.frameRate > 0) {
+    out.member("frameRate", probe.frameRate);
+  } else {
+    out.nullMember("frameRate");
+  }
+}
+
+void stillMembers(JsonWriter& out, const MetaReader& reader, bool isDNG) {
+  out.member("type", isDNG ? "DNG" : "JPEG");
+  recordTexts(out, reader.stillRecord);
+  out.member("yaw", reader.stillRecord.yaw).member("pitch", reader.stillRecord.pitch);
+  out.member("roll", reader.stillRecord.roll);
+  if (isDNG) {
+    out.key("jpeg").beginObject().member("offset", reader.previewOffset).member("bytes", reader.previewLength);
+    out.endObject();
+  } else {
+    out.nullMember("jpeg");
+  }
+}

@@ -1,0 +1,107 @@
+// sondex --json: the strict JSON writer, and the objects, statuses and exit codes of the long-option interface.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+
+#include "report/json_writer.h"
+#include "tests/support/files.h"
+#include "tests/support/mp4_builder.h"
+
+namespace {
+
+using namespace sondex::test;
+namespace fs = std::filesystem;
+
+TEST(JsonWriter, EscapesTextsReplacesInvalidBytesAndWritesNumbersExactly) {
+  JsonWriter out;
+  out.beginObject().member("q\"b\\", "tab\tline\nret\r\x01\x1f\x7f");
+  // Valid: 2-, 3- and 4-byte characters. Invalid: a lone continuation byte, a cut sequence, an overlong slash, a
+  // surrogate, a value past U+10FFFF.
+  out.member("utf8", "\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80|\x80|\xE6\x97|\xC0\xAF|\xED\xA0\x80|\xF4\x90\x80\x80");
+  out.key("numbers").beginArray().value(0.1f).value(0.1).value(-0.0f).value(1e21).value(16777217.0);
+  out.value(std::numeric_limits<float>::infinity()).value(std::nan("")).value(std::numeric_limits<int64_t>::min());
+  out.value(std::numeric_limits<uint64_t>::max()).value(true).null().beginObject().endObject().endArray();
+  out.key("empty").beginArray().endArray().endObject();
+  const std::string bad = "\xEF\xBF\xBD";
+  EXPECT_EQ(
+      out.text(),
+      "{\"q\\\"b\\\\\":\"tab\\tline\\nret\\r\\u0001\\u001f\\u007f\",\"utf8\":\"\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80|" +
+          bad + "|" + bad + bad + "|" + bad + bad + "|" + bad + bad + bad + "|" + bad + bad + bad + bad +
+          "\",\"numbers\":[0.1,0.1,-0,1e+21,16777217,null,null,-9223372036854775808,"
+          "18446744073709551615,true,null,{}],\"empty\":[]}");
+}
+
+struct Answer {
+  std::string out, err;
+  int status;
+};
+
+// Runs sondex in dir with the arguments; standard output and error are kept apart.
+Answer sondex(const TempDir& dir, const std::string& arguments) {
+  const std::string command = "cd '" + dir.path() + "' && " SONDEX_BINARY " " + arguments;
+  const int status = std::system((command + " > out.txt 2> err.txt").c_str());
+  return {readText(dir.file("out.txt")), readText(dir.file("err.txt")), WEXITSTATUS(status)};
+}
+
+// Each line parses as strict JSON (no NaN or Infinity) and comes back the same from Python's encoder.
+bool strictJsonLines(const TempDir& dir, const std::string& text) {
+  writeFile(dir.file("lines.json"), Bytes(text.begin(), text.end()));
+  return std::system(("python3 -c 'import json, sys\nfor line in open(sys.argv[1], encoding=\"utf-8\"):\n"
+                      "  json.loads(line, parse_constant=lambda c: sys.exit(1))' '" +
+                      dir.file("lines.json") + "'")
+                         .c_str()) == 0;
+}
+
+TEST(JsonMode, OneStrictObjectPerFileWithTheReasonOfEachFailure) {
+  TempDir dir;
+  fs::create_directories(dir.file("tree/a/b"));
+  for (const char* name : {"tree/b.mp4", "tree/a/b/b.mp4", "tree/a/z.JPG"}) {
+    fs::copy_file(sourcePath(std::string("samples/sample.") + (name[std::strlen(name) - 1] == 'G' ? "jpg" : "mp4")),
+                  dir.file(name));
+  }
+  fs::copy_file(sourcePath("samples/sample.dng"), dir.file("tree/a/r.dng"));
+  dir.write("tree/notes.txt", {'x'});
+  dir.write("text.mp4", {'h', 'i'});
+  dir.write("q\"\n\xC3\xA9.jpg", {});
+  dir.write("\xFF.jpg", {});
+  dir.write("bad.dng", {'I', 'I', 0, 0});
+  dir.write("audio.mp4",
+            concat({Box("ftyp").str("isom").build(), Box("moov").child(Box("trak").child(tkhd(0, 0))).build()}));
+  dir.write("cut.jpg", {0xFF, 0xD8, 0xFF, 0xE1, 0x00, 0x10});
+  fs::create_directory(dir.file("dumps"));
+  const Answer all = sondex(
+      dir, "--json -r --dumps dumps tree text.mp4 'q\"\n\xC3\xA9.jpg' '\xFF.jpg' bad.dng audio.mp4 cut.jpg none.mp4");
+  EXPECT_EQ(all.status, 1);
+  EXPECT_TRUE(strictJsonLines(dir, all.out));
+  EXPECT_EQ(all.out, golden("tests/cli/golden/json.txt", all.out));
+  EXPECT_NE(all.err.find("H.264 detected.\n"), std::string::npos);  // the reader's messages go to standard error
+  // Dump files named after each movie (a second movie of the same name numbered), each as -kdtd: etc. writes them.
+  for (const char* name : {"b", "b-2"}) {
+    EXPECT_EQ(readText(dir.file(std::string("dumps/") + name + ".gravity.json")),
+              readText(sourcePath("tests/cli/golden/sample.kdtd.json")));
+    EXPECT_EQ(readText(dir.file(std::string("dumps/") + name + ".compass.json")),
+              readText(sourcePath("tests/cli/golden/sample.kdtc.json")));
+  }
+
+  const Answer quiet = sondex(dir, "-q --json tree/b.mp4");
+  EXPECT_EQ(std::tuple(quiet.status, quiet.err, quiet.out.substr(0, 50)),
+            std::tuple(0, "", "{\"path\":\"tree/b.mp4\",\"kind\":\"movie\",\"status\":\"ok\","));
+  const std::pair<std::string, int> usage[] = {{"--json", 2},
+                                               {"--json -set1 x.mp4", 2},
+                                               {"--json --dumps", 2},
+                                               {"--json --dumps nowhere x.mp4", 2},
+                                               {"-set1 --help", 0}};
+  for (const auto& [arguments, status] : usage) {
+    const Answer r = sondex(dir, arguments);
+    EXPECT_EQ(r.status, status) << arguments;
+    EXPECT_EQ(r.out.find("usage: sondex --json"), status == 0 ? 0 : std::string::npos) << arguments;
+  }
+  EXPECT_EQ(sondex(dir, "--version").out, "sondex 2.8.3\n");
+}
+
+}  // namespace
