@@ -24,6 +24,19 @@ void positiveOrNull(JsonWriter& out, const char* name, uint64_t number) {
   }
 }
 
+// A sensor log in brief: its number of samples, the rate its header gives
+// and the times of its first and last samples (null when it has none).
+template <class T>
+void logSummary(JsonWriter& out, const char* name, const GLTK::LargeVector<T>& records, uint16_t rate) {
+  out.key(name).beginObject().member("count", records.size()).member("rate", rate);
+  if (records.empty()) {
+    out.nullMember("first").nullMember("last");
+  } else {
+    out.member("first", records.front().t).member("last", records.back().t);
+  }
+  out.endObject();
+}
+
 void recordTexts(JsonWriter& out, const ExifParser::ZEPRA& record) {
   textOrNull(out, "model", record.model);
   textOrNull(out, "software", record.software);
@@ -89,6 +102,18 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
     out.member("videoQuality", record.vQuality == 1 ? "normal" : "fine");
   } else {
     out.nullMember("videoQuality");
+  }
+  const SensorLogs& logs = reader.sensorLogs;
+  out.key("sensors").beginObject();
+  logSummary(out, "gyro", logs.gyro.records, logs.gyro.samplingRate);
+  logSummary(out, "compass", logs.compass.records, logs.compass.samplingRate);
+  logSummary(out, "gravity", reader.gravitySamples(), logs.gravity.samplingRate);
+  out.endObject();
+  if (reader.orientationKnown) {
+    out.key("orientation").beginObject().member("upsideDown", reader.upsideDown);
+    out.member("frontReversed", reader.frontReversed).endObject();
+  } else {
+    out.nullMember("orientation");
   }
   // The description's nominal frame rate, which the result line never shows.
   if (probe.width >= 1 && probe.frameRate > 0) {

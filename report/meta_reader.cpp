@@ -32,6 +32,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   sensorLogs = SensorLogs();
   yawStabilizer = YawStabilizer();
   gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
+  orientationKnown = upsideDown = frontReversed = false;
 
   MP4::Container movie;
   const bool ok = probe.probe(path, movie);
@@ -55,7 +56,9 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   topBottomCorrectionSamplingRate = sensorLogs.gravity.samplingRate;
   const int pace = probe.frameRate > 29.0f ? 30 : 15;
   AccelSensorStreamEmbed sensors;
-  sensors.loadGen2(sensorLogs, pace);
+  orientationKnown = sensors.loadGen2(sensorLogs, pace);
+  upsideDown = sensors.reversed;
+  frontReversed = sensors.frontReversed;
   const auto mode =
       VideoStabilizationMode::yawMode(static_cast<ExifParser::VIDEO_STABILIZATION>(probe.record.stabilize));
   // An upside-down camera turns the other way about the vertical axis.

@@ -51,6 +51,11 @@ class MetaReader {
   uint16_t ecompassSamplingRate = 0;
   uint16_t topBottomCorrectionSamplingRate = 0;
   YawStabilizer yawStabilizer;
+  // The orientation verdicts the reader prints ("rev-up/down", "rev-front"),
+  // when the gravity and compass logs allowed the analysis.
+  bool orientationKnown = false;
+  bool upsideDown = false;
+  bool frontReversed = false;
   std::string sphericalText;
   ViewHeading viewHeading;
   std::string locationText;
