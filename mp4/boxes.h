@@ -51,6 +51,8 @@ class TKHD : public BOX {
   uint64_t timeStamp = 0;  // creation time
   uint32_t width = 0;      // integer part of the 16.16 value
   uint32_t height = 0;
+  // The display matrix, row by row: a, b, u, c, d, v (16.16), x, y, w (2.30).
+  std::array<int32_t, 9> matrix{0x10000, 0, 0, 0, 0x10000, 0, 0, 0, 0x40000000};
 };
 
 class MDHD : public BOX {

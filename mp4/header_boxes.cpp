@@ -60,7 +60,8 @@ void TKHD::parseBox(BinFile& f, uint64_t limit) {
   f.take(flags.data(), 3);
   timeStamp = version == 1 ? f.read64() : f.read32();
   f.seek_cur(version == 1 ? 24 : 16);  // modification time, track ID, reserved, duration
-  f.seek_cur(52);                      // reserved, layer, alternate group, volume, reserved, matrix
+  f.seek_cur(16);                      // reserved, layer, alternate group, volume, reserved
+  for (int32_t& value : matrix) value = static_cast<int32_t>(f.read32());
   width = fixedToInteger(f.read32());
   height = fixedToInteger(f.read32());
 }

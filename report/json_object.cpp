@@ -37,6 +37,59 @@ void logSummary(JsonWriter& out, const char* name, const GLTK::LargeVector<T>& r
   out.endObject();
 }
 
+// The codec of a video sample entry by the names ffprobe gives them.
+const char* codecOfSampleEntry(const std::string& entry) {
+  const std::pair<const char*, const char*> names[] = {
+      {"avc1", "h264"},   {"avc3", "h264"},   {"hvc1", "hevc"},   {"hev1", "hevc"},   {"mp4v", "mpeg4"},
+      {"vp09", "vp9"},    {"av01", "av1"},    {"mjpa", "mjpeg"},  {"mjpb", "mjpeg"},  {"jpeg", "mjpeg"},
+      {"apch", "prores"}, {"apcn", "prores"}, {"apcs", "prores"}, {"apco", "prores"}, {"ap4h", "prores"}};
+  for (const auto& [type, name] : names) {
+    if (entry == type) return name;
+  }
+  return nullptr;
+}
+
+// The rotation the track matrix applies, in whole degrees counterclockwise
+// as ffprobe reports it (a matrix turning the picture a quarter clockwise
+// gives -90).
+long rotationOf(const std::array<int32_t, 9>& m) {
+  const double scale0 = std::hypot(m[0], m[3]), scale1 = std::hypot(m[1], m[4]);
+  if (scale0 == 0 || scale1 == 0) return 0;
+  const long degrees = std::lround(-std::atan2(m[1] / scale1, m[0] / scale0) * 180 / M_PI);
+  return degrees == 0 ? 0 : degrees;  // never -0
+}
+
+void videoMembers(JsonWriter& out, const MetaReader& reader) {
+  const MetaReader::VideoTrack& track = reader.videoTrack;
+  const Sondex& probe = reader.probe;
+  const bool h264 = probe.codec == 1, described = probe.width >= 1;
+  out.key("video").beginObject();
+  textOrNull(out, "sampleEntry", track.sampleEntry);
+  if (const char* codec = codecOfSampleEntry(track.sampleEntry)) {
+    out.member("codec", codec);
+  } else {
+    out.nullMember("codec");
+  }
+  positiveOrNull(out, "profileIdc", h264 ? reader.profileIdc : 0);
+  positiveOrNull(out, "levelIdc", h264 ? track.levelIdc : 0);
+  if (h264 && reader.profileIdc > 0) {
+    out.member("constrained_set1_flag", reader.constrainedSet1Flag).member("fullRange", reader.fullRange);
+  } else {
+    out.nullMember("constrained_set1_flag").nullMember("fullRange");
+  }
+  positiveOrNull(out, "codedWidth", described ? static_cast<uint64_t>(probe.width) : 0);
+  positiveOrNull(out, "codedHeight", described ? static_cast<uint64_t>(probe.height) : 0);
+  positiveOrNull(out, "displayWidth", reader.frameWidth);
+  positiveOrNull(out, "displayHeight", reader.frameHeight);
+  out.member("rotation", rotationOf(track.matrix));
+  out.member("frameRate", described && probe.frameRate > 0 ? probe.frameRate : NAN);
+  // The track's own duration, and its bit rate over it (the result line's
+  // is over the movie's duration).
+  const bool timed = std::isfinite(track.duration) && track.duration > 0;
+  out.member("duration", track.duration).member("bitRate", timed ? std::trunc(track.bytes * 8 / track.duration) : NAN);
+  out.endObject();
+}
+
 void recordTexts(JsonWriter& out, const ExifParser::ZEPRA& record) {
   textOrNull(out, "model", record.model);
   textOrNull(out, "software", record.software);
@@ -115,6 +168,7 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
   } else {
     out.nullMember("orientation");
   }
+  videoMembers(out, reader);
   // The description's nominal frame rate, which the result line never shows.
   if (probe.width >= 1 && probe.frameRate > 0) {
     out.member("frameRate", probe.frameRate);

@@ -18,6 +18,28 @@ constexpr MP4::UUID::Usertype kSphericalVideo = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0
 
 }  // namespace
 
+void MetaReader::readVideoTrack(const MP4::Container& movie) {
+  videoTrack = VideoTrack();
+  const auto* track = dynamic_cast<const MP4::NestedBox*>(movie.videoTrak);
+  if (track == nullptr) return;
+  MP4::findAs<MP4::TKHD>(*track, "tkhd", [&](MP4::TKHD& tkhd) { return videoTrack.matrix = tkhd.matrix, false; });
+  MP4::findAs<MP4::MDHD>(*track, "mdia.mdhd", [&](MP4::MDHD& mdhd) {
+    if (mdhd.timeScale > 0) videoTrack.duration = static_cast<double>(mdhd.duration) / mdhd.timeScale;
+    return false;
+  });
+  MP4::findAs<MP4::NestedBox>(*track, "mdia.minf.stbl.stsd", [&](MP4::NestedBox& stsd) {
+    if (!stsd.children.empty())
+      videoTrack.sampleEntry.assign(stsd.children[0]->type.begin(), stsd.children[0]->type.end());
+    return false;
+  });
+  MP4::findAs<MP4::STSZ>(*track, "mdia.minf.stbl.stsz",
+                         [&](MP4::STSZ& stsz) { return videoTrack.bytes = stsz.sample_total, false; });
+  MP4::findAs<MP4::AVCC>(*track, "mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
+    if (avcc.payload.size() > 3) videoTrack.levelIdc = avcc.payload[3];
+    return false;
+  });
+}
+
 bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   path = file;
   sphericalText.clear();
@@ -33,6 +55,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   yawStabilizer = YawStabilizer();
   gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
   orientationKnown = upsideDown = frontReversed = false;
+  videoTrack = VideoTrack();
 
   MP4::Container movie;
   const bool ok = probe.probe(path, movie);
@@ -94,6 +117,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
     hasSA3DSound = true;
     return true;
   });
+  readVideoTrack(movie);
   MP4::findAs<MP4::AVCC>(movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
     try {
       avcc.get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag, fullRange);

@@ -2,6 +2,8 @@
 // sensor dump files. One reader serves one request and is then destroyed.
 #pragma once
 
+#include <array>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -23,6 +25,7 @@ class MetaReader {
   // The report's "type" (projection) and "codec" texts.
   const char* typeName() const;
   const char* codecName() const;
+  void readVideoTrack(const MP4::Container& movie);
   template <class T>
   bool dumpXYZT(const GLTK::LargeVector<T>& samples, const std::wstring& path,
                 std::function<void(std::ostream&)> extra);
@@ -66,6 +69,14 @@ class MetaReader {
   bool constrainedSet1Flag = false;
   bool fullRange = false;
   bool hasSA3DSound = false;
+  // The video track (the last whose header gives a width) on its own.
+  struct VideoTrack {
+    std::string sampleEntry;  // the type of its first sample entry ("avc1", "hvc1"...)
+    uint8_t levelIdc = 0;     // from the avcC record
+    std::array<int32_t, 9> matrix{};
+    double duration = NAN;  // seconds, from its media header
+    uint64_t bytes = 0;     // of its samples
+  } videoTrack;
   bool hasMovieBox = false;
   bool hasVideoTrack = false;  // a track whose header gives a width
 

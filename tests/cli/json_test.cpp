@@ -102,6 +102,12 @@ TEST(JsonMode, OneStrictObjectPerFileWithTheReasonOfEachFailure) {
     EXPECT_EQ(r.out.find("usage: sondex --json"), status == 0 ? 0 : std::string::npos) << arguments;
   }
   EXPECT_EQ(sondex(dir, "--version").out, "sondex 2.8.3\n");
+  // A track matrix turning the picture a quarter clockwise reads as ffprobe gives it.
+  Bytes movie = readFile(sourcePath("samples/sample.mp4"));
+  const size_t matrix = std::string(movie.begin(), movie.end()).find("tkhd") + 4 + 4 + 20 + 16;
+  std::ranges::copy(fromHex("00000000 00010000 00000000 FFFF0000 00000000"), movie.begin() + matrix);
+  dir.write("turned.mp4", movie);
+  EXPECT_NE(sondex(dir, "--json turned.mp4").out.find("\"rotation\":-90,"), std::string::npos);
 }
 
 }  // namespace
