@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -90,6 +91,44 @@ void videoMembers(JsonWriter& out, const MetaReader& reader) {
   out.endObject();
 }
 
+// A number that has a name when it is the one the format defines.
+void namedOrNumber(JsonWriter& out, const char* name, uint32_t value, std::initializer_list<const char*> names) {
+  if (value < names.size()) {
+    out.member(name, names.begin()[value]);
+  } else {
+    out.member(name, value);
+  }
+}
+
+void audioMembers(JsonWriter& out, const std::vector<AudioTrack>& tracks) {
+  out.key("audio").beginArray();
+  for (const AudioTrack& track : tracks) {
+    out.beginObject().member("sampleEntry", track.sampleEntry);
+    if (track.codec.empty()) {
+      out.nullMember("codec");
+    } else {
+      out.member("codec", track.codec);
+    }
+    out.member("channels", track.channels).member("sampleRate", track.sampleRate);
+    out.member("sampleSize", track.sampleSize).member("cameraSpatial", track.cameraSpatial);
+    if (track.sa3d) {
+      const SpatialAudio& sa3d = *track.sa3d;
+      out.key("sa3d").beginObject().member("version", sa3d.version).member("headLockedStereo", sa3d.headLockedStereo);
+      namedOrNumber(out, "ambisonicType", sa3d.ambisonicType, {"periphonic"});
+      out.member("ambisonicOrder", sa3d.ambisonicOrder);
+      namedOrNumber(out, "channelOrdering", sa3d.channelOrdering, {"ACN"});
+      namedOrNumber(out, "normalization", sa3d.normalization, {"SN3D", "N3D"});
+      out.key("channelMap").beginArray();
+      for (const uint32_t channel : sa3d.channelMap) out.value(channel);
+      out.endArray().endObject();
+    } else {
+      out.nullMember("sa3d");
+    }
+    out.endObject();
+  }
+  out.endArray();
+}
+
 void recordTexts(JsonWriter& out, const ExifParser::ZEPRA& record) {
   textOrNull(out, "model", record.model);
   textOrNull(out, "software", record.software);
@@ -169,6 +208,7 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
     out.nullMember("orientation");
   }
   videoMembers(out, reader);
+  audioMembers(out, reader.audioTracks);
   // The description's nominal frame rate, which the result line never shows.
   if (probe.width >= 1 && probe.frameRate > 0) {
     out.member("frameRate", probe.frameRate);

@@ -56,6 +56,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   gyroSamplingRate = ecompassSamplingRate = topBottomCorrectionSamplingRate = 0;
   orientationKnown = upsideDown = frontReversed = false;
   videoTrack = VideoTrack();
+  audioTracks.clear();
 
   MP4::Container movie;
   const bool ok = probe.probe(path, movie);
@@ -118,6 +119,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
     return true;
   });
   readVideoTrack(movie);
+  audioTracks = readAudioTracks(movie);
   MP4::findAs<MP4::AVCC>(movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
     try {
       avcc.get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag, fullRange);

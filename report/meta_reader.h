@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "exif/exif_parser.h"
+#include "report/audio_tracks.h"
 #include "report/sondex_probe.h"
 #include "report/view_heading.h"
 #include "sensor/sample_loaders.h"
@@ -77,6 +78,7 @@ class MetaReader {
     double duration = NAN;  // seconds, from its media header
     uint64_t bytes = 0;     // of its samples
   } videoTrack;
+  std::vector<AudioTrack> audioTracks;
   bool hasMovieBox = false;
   bool hasVideoTrack = false;  // a track whose header gives a width
 

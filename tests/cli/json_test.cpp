@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <limits>
 
+#include "mp4/boxes.h"
 #include "report/json_writer.h"
 #include "tests/support/files.h"
 #include "tests/support/mp4_builder.h"
@@ -108,6 +109,42 @@ TEST(JsonMode, OneStrictObjectPerFileWithTheReasonOfEachFailure) {
   std::ranges::copy(fromHex("00000000 00010000 00000000 FFFF0000 00000000"), movie.begin() + matrix);
   dir.write("turned.mp4", movie);
   EXPECT_NE(sondex(dir, "--json turned.mp4").out.find("\"rotation\":-90,"), std::string::npos);
+}
+
+// A sound track whose first sample entry holds the given boxes: 4 channels of 16 bits at 48 kHz.
+Box soundTrack(const char* container, const char* entry, const Bytes& children) {
+  const Box sound = Box(entry).zeros(6).u16(1).zeros(8).u16(4).u16(16).zeros(4).u32(48000u << 16).bytes(children);
+  const Box stbl = Box("stbl").child(Box::full("stsd", 0, 0).u32(1).child(sound));
+  return Box(container).child(tkhd(0, 0)).child(Box("mdia").child(mdhd(48000, 48000)).child(Box("minf").child(stbl)));
+}
+
+TEST(JsonMode, AudioTracksWithTheirSpatialAudioBoxes) {
+  // AAC (an elementary-stream descriptor of object type 0x40) with first-order ambisonics; the camera's PCM
+  // track in its uuid box with a box that claims more channels than it holds.
+  const Bytes esds = Box::full("esds", 0, 0).bytes(fromHex("03 80 80 19 0001 00 04 11 40")).zeros(20).build();
+  const Bytes sa3d = Box("SA3D").u8(0).u8(0).u32(1).u8(0).u8(0).u32(4).u32(0).u32(1).u32(3).u32(2).build();
+  const Bytes claims = Box("SA3D").u8(0).u8(0x81).u32(2).u8(1).u8(1).u32(9).u32(7).build();
+  const MP4::UUID::Usertype& spatial = MP4::UUID::kSpatialAudio;
+  TempDir dir;
+  dir.write("audio.mp4", concat({Box("ftyp").str("isom").build(),
+                                 Box("moov")
+                                     .child(videoTrak(64, 32, Box::full("stsd", 0, 0).u32(0)))
+                                     .child(soundTrack("trak", "mp4a", concat({esds, sa3d})))
+                                     .build(),
+                                 Box("uuid")
+                                     .bytes(Bytes(spatial.begin(), spatial.end()))
+                                     .child(soundTrack("KATR", "sowt", claims))
+                                     .build()}));
+  const std::string out = sondex(dir, "--json -q audio.mp4").out;
+  EXPECT_NE(out.find("\"hasSpatialSound\":true,"), std::string::npos);
+  EXPECT_EQ(out.substr(out.find("\"audio\":"), out.rfind(",\"frameRate\"") - out.find("\"audio\":")),
+            "\"audio\":[{\"sampleEntry\":\"mp4a\",\"codec\":\"aac\",\"channels\":4,\"sampleRate\":48000,"
+            "\"sampleSize\":16,\"cameraSpatial\":false,\"sa3d\":{\"version\":0,\"headLockedStereo\":false,"
+            "\"ambisonicType\":\"periphonic\",\"ambisonicOrder\":1,\"channelOrdering\":\"ACN\",\"normalization\":"
+            "\"SN3D\",\"channelMap\":[0,1,3,2]}},{\"sampleEntry\":\"sowt\",\"codec\":\"pcm_s16le\",\"channels\":4,"
+            "\"sampleRate\":48000,\"sampleSize\":16,\"cameraSpatial\":true,\"sa3d\":{\"version\":0,"
+            "\"headLockedStereo\":true,\"ambisonicType\":1,\"ambisonicOrder\":2,\"channelOrdering\":1,"
+            "\"normalization\":\"N3D\",\"channelMap\":[7]}}]");
 }
 
 }  // namespace
