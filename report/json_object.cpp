@@ -1,8 +1,12 @@
 #include "report/json_object.h"
 
+#include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+
+#include "report/xmp_values.h"
 
 namespace {
 
@@ -222,6 +226,27 @@ void stillMembers(JsonWriter& out, const MetaReader& reader, bool isDNG) {
   recordTexts(out, reader.stillRecord);
   out.member("yaw", reader.stillRecord.yaw).member("pitch", reader.stillRecord.pitch);
   out.member("roll", reader.stillRecord.roll);
+  // The panorama pose an editing tool may have put into the still's XMP.
+  const char* const pano[] = {"GPano:ProjectionType", "GPano:PoseHeadingDegrees", "GPano:PosePitchDegrees",
+                              "GPano:PoseRollDegrees"};
+  bool hasPano = false;
+  for (const char* name : pano) hasPano = hasPano || !xmpValue(reader.stillXmp, name).empty();
+  if (hasPano) {
+    out.key("gpano").beginObject();
+    textOrNull(out, "projectionType", xmpValue(reader.stillXmp, pano[0]));
+    for (const char* name : {pano[1], pano[2], pano[3]}) {
+      const std::string text = xmpValue(reader.stillXmp, name);
+      char* end = nullptr;
+      const double value = text.empty() ? NAN : std::strtod(text.c_str(), &end);
+      // "poseHeadingDegrees" and so on; a value that does not read whole as a number is null.
+      std::string key = std::string(name + 6);
+      key[0] = static_cast<char>(std::tolower(key[0]));
+      out.member(key, end != nullptr && *end == '\0' ? value : NAN);
+    }
+    out.endObject();
+  } else {
+    out.nullMember("gpano");
+  }
   if (isDNG) {
     out.key("jpeg").beginObject().member("offset", reader.previewOffset).member("bytes", reader.previewLength);
     out.endObject();

@@ -88,6 +88,8 @@ class MetaReader {
   // Why the last still could not be read: the Exif walker's message, or a
   // few words on the file; empty after a success.
   std::string stillFailure;
+  // A JPEG's XMP packet, when its head carries one.
+  std::string stillXmp;
   uint32_t previewOffset = 0;
   uint32_t previewLength = 0;
   uint32_t affineTable1Offset = 0;

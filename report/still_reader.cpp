@@ -7,6 +7,7 @@
 #include "gltk/file_io.h"
 #include "gltk/wchar.h"
 #include "report/meta_reader.h"
+#include "report/xmp_values.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ bool MetaReader::parse_JPEG(const wchar_t* path, bool dump) {
   this->path = path;
   stillRecord.clear();
   stillFailure = "cannot be opened";
+  stillXmp.clear();
   bool ok = false;
   GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
     auto bytes = std::make_unique_for_overwrite<unsigned char[]>(kJpegHeadBytes);
@@ -36,6 +38,7 @@ bool MetaReader::parse_JPEG(const wchar_t* path, bool dump) {
       stillFailure = count == 0 ? "empty file" : "cannot be read";
       return;
     }
+    stillXmp = jpegXmp(bytes.get(), count);
     try {
       ExifParser parser;
       parser.attachBytes(bytes.get(), count);
@@ -62,6 +65,7 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
   previewOffset = previewLength = 0;
   affineTable1Offset = affineTable1Length = affineTable2Offset = affineTable2Length = 0;
   stillFailure = "cannot be opened";
+  stillXmp.clear();
   bool ok = false;
   GLTK::FileIO::open(this->path, [&](GLTK::FileIO& file) {
     // The walker reads the file on demand, behind the synthetic header, so

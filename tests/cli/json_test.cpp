@@ -12,6 +12,7 @@
 #include "report/json_writer.h"
 #include "tests/support/files.h"
 #include "tests/support/mp4_builder.h"
+#include "tests/support/tiff_builder.h"
 
 namespace {
 
@@ -74,9 +75,18 @@ TEST(JsonMode, OneStrictObjectPerFileWithTheReasonOfEachFailure) {
   dir.write("audio.mp4",
             concat({Box("ftyp").str("isom").build(), Box("moov").child(Box("trak").child(tkhd(0, 0))).build()}));
   dir.write("cut.jpg", {0xFF, 0xD8, 0xFF, 0xE1, 0x00, 0x10});
+  // XMP with the pose as attributes and as an element (entities decoded, a value that is no number is null).
+  const std::string xmp = std::string("http://ns.adobe.com/xap/1.0/", 29) +
+                          "<rdf:Description GPano:ProjectionType='equi&amp;rect' GPano:PoseHeadingDegrees=\"45.5\" "
+                          "GPano:PoseRollDegrees=\"1x\"><GPano:PosePitchDegrees> -3 </GPano:PosePitchDegrees>";
+  const Bytes jpeg = readFile(sourcePath("samples/sample.jpg"));
+  dir.write(
+      "pano.jpg",
+      concat({{0xFF, 0xD8}, jpegSegment(0xFFE1, Bytes(xmp.begin(), xmp.end())), Bytes(jpeg.begin() + 2, jpeg.end())}));
   fs::create_directory(dir.file("dumps"));
-  const Answer all = sondex(
-      dir, "--json -r --dumps dumps tree text.mp4 'q\"\n\xC3\xA9.jpg' '\xFF.jpg' bad.dng audio.mp4 cut.jpg none.mp4");
+  const Answer all = sondex(dir,
+                            "--json -r --dumps dumps tree text.mp4 'q\"\n\xC3\xA9.jpg' '\xFF.jpg' bad.dng audio.mp4 "
+                            "cut.jpg pano.jpg none.mp4");
   EXPECT_EQ(all.status, 1);
   EXPECT_TRUE(strictJsonLines(dir, all.out));
   EXPECT_EQ(all.out, golden("tests/cli/golden/json.txt", all.out));
