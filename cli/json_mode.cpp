@@ -277,9 +277,10 @@ int longOptions(int argc, char** argv) {
     return usageError("--dumps: " + options.dumps + " is not a folder");
   }
 
-  // Standard output carries the objects alone.
-  FILE* messages = options.quiet ? std::fopen("/dev/null", "w") : stderr;
-  GLTK::Console::set_sink(messages != nullptr ? messages : stderr);
+  // Standard output carries the objects alone. The null device is opened
+  // once for the process, however often this runs.
+  static FILE* const nowhere = std::fopen("/dev/null", "w");
+  GLTK::Console::set_sink(options.quiet && nowhere != nullptr ? nowhere : stderr);
   std::vector<std::string> files;
   for (const std::string& argument : options.files) collect(argument, options.recursive, files);
   JsonMode mode(options);

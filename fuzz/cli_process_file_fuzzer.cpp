@@ -9,6 +9,9 @@
 // one result line and status 0, or the usage text alone and status 1; in
 // the request stream one answer per request line; every result line a JSON
 // object and every dump file a JSON array; no exception out of any reading.
+// Then the same file is read with --json (and --dumps with bit 5): exactly
+// one line holding one JSON object, "ok" with status 0 or "failed" with
+// status 1.
 //
 // Built twice. As cli_process_file_fuzzer, the platform's movie
 // description (FFmpeg) is replaced by a fake that describes a movie from a
@@ -29,6 +32,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/json_mode.h"
 #include "cli/process.h"
 #include "fuzz/fuzz_support.h"
 #include "gltk/console.h"
@@ -190,6 +194,38 @@ void checkRequestStream(int status, const std::string& text) {
   if (answers[0] != kFailed) fail("a missing file was not answered with the failed line");
 }
 
+// Runs --json -q on the file, with standard output in an in-memory file;
+// returns the exit status and what it printed.
+int jsonMode(const std::string& path, bool withDumps, std::string& printed) {
+  std::vector<std::string> args = {"sondex", "--json", "-q"};
+  if (withDumps) args.insert(args.end(), {"--dumps", workDir()});
+  args.push_back(path);
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  std::fflush(stdout);
+  const int saved = dup(1), memory = memfd_create("sondex-json", MFD_CLOEXEC);
+  if (saved < 0 || memory < 0 || dup2(memory, 1) < 0) fail("cannot redirect standard output");
+  const int status = cli::longOptions(static_cast<int>(argv.size()), argv.data());
+  std::fflush(stdout);
+  dup2(saved, 1);
+  close(saved);
+  printed.assign(static_cast<size_t>(lseek(memory, 0, SEEK_END)), '\0');
+  if (pread(memory, printed.data(), printed.size(), 0) != static_cast<ssize_t>(printed.size())) fail("pread");
+  close(memory);
+  GLTK::Console::set_sink(g_output->sink());
+  return status;
+}
+
+void checkJsonMode(const std::string& path, bool withDumps) {
+  std::string printed;
+  const int status = jsonMode(path, withDumps, printed);
+  if (printed.empty() || printed.find('\n') != printed.size() - 1) fail("--json printed other than one line");
+  const std::string_view object = std::string_view(printed).substr(0, printed.size() - 1);
+  if (!object.starts_with('{') || !isJson(object)) fail("a --json line that is not a JSON object");
+  const bool ok = object.find(",\"status\":\"ok\"") != std::string_view::npos;
+  if (status != (ok ? 0 : 1)) fail("a --json status that does not match its object");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -202,6 +238,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   GLTK::Console::set_sink(g_output->sink());
   cli::usage();
   g_usage = g_output->take();
+  // The first --json run opens what it keeps for the process.
+  std::string printed;
+  jsonMode(workFile("none.mp4"), false, printed);
   return 0;
 }
 
@@ -254,6 +293,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       fail("a dump file that is not a JSON array");
     }
   }
+  // In JSON every text is escaped: its line is checked whatever the file holds.
+  checkJsonMode(GLTK::wchar::wcs2mbs(file).c_str(), sensorDumps);
   // Texts from the file are printed as they stand (a model name in a
   // message, the XML that -dump prints), so a file holding "result: " can
   // print a line that looks like an answer; the lines are not checked then.

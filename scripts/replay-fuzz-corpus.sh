@@ -59,6 +59,7 @@ json=$scratch/json
 mkdir "$json"
 names=(in.mp4 in.jpg in.dng in.JPEG)
 requests=0
+inputs=()
 for file in "${files[@]}" samples/* tests/data/realworld/*; do
   [[ $file == *.md ]] && continue
   requests=$((requests + 1))
@@ -73,9 +74,12 @@ for file in "${files[@]}" samples/* tests/data/realworld/*; do
     name=$base.$(basename "$file")
     cp "$file" "$name"
   fi
+  inputs+=("$name")
   printf '%s\t%s\t%s\t%s\n' "$name" "$base.kdtd.json" "$base.kdtb.json" "$base.kdtc.json"
 done > "$json/requests"
 "$sondex" < "$json/requests" > "$json/stream.txt" 2>&1 || true
+# The same files through --json, in one process: one object per file.
+"$sondex" --json -q "${inputs[@]}" > "$json/objects.jsonl" || true
 if ! python3 - "$json" "$requests" <<'EOF'; then
 import glob, json, os, sys
 
@@ -111,9 +115,20 @@ for dump in dumps:
         bad.append("dump file %s: %s" % (os.path.relpath(dump, folder), error))
 if answers != requests:
     bad.append("%d requests but %d answers in the request stream" % (requests, answers))
+objects = open(os.path.join(folder, "objects.jsonl"), encoding="utf-8").read().splitlines()
+for line in objects:
+    try:
+        check(line, dict)
+        if json.loads(line)["status"] not in ("ok", "failed"):
+            raise ValueError("a status other than ok or failed")
+    except (ValueError, KeyError) as error:
+        bad.append("--json: %s: %s" % (error, line))
+if len(objects) != requests:
+    bad.append("%d files but %d --json objects" % (requests, len(objects)))
 for problem in bad:
     print("replay: " + problem, file=sys.stderr)
-print("replay: sondex read %d files: %d result lines and %d dump files checked" % (requests, lines, len(dumps)))
+print("replay: sondex read %d files: %d result lines, %d dump files and %d --json objects checked"
+      % (requests, lines, len(dumps), len(objects)))
 sys.exit(1 if bad else 0)
 EOF
   failed=1
