@@ -2,7 +2,8 @@
 # Whole-process benchmark: sondex against ffprobe, ExifTool and MediaInfo on
 # the same files, beside the floors that bound what any probe of these files
 # must spend. Prints one table of medians and the target ratios, then peak
-# memory and read system calls of sondex on the one-hour movie.
+# memory and read system calls of sondex on the one-hour movie, and the rate
+# of --json over the batch against the request stream's.
 #
 #   bench/run.sh [corpus folder]     (default: build-bench/corpus, made if missing)
 #   RUNS=10 bench/run.sh             (timed runs per command)
@@ -67,6 +68,7 @@ for codec in h264 h265; do
 done
 
 measure_shell sondex_stream "$sondex < $out/batch.txt"
+measure_shell sondex_json "xargs -a $out/batch.txt $sondex --json -q"
 measure_shell sondex_per_file "xargs -n1 $sondex < $out/batch.txt"
 measure_shell exiftool_stay_open "exiftool -stay_open True -@ $out/exiftool.args"
 measure_shell mediainfo_batch "mediainfo --Output=JSON $corpus/batch"
@@ -92,7 +94,7 @@ def text(name):
 rows = ["floor_start", "floor_describe_long", "floor_read_long", "sondex_long", "dump_long", "ffprobe_long",
         "exiftool_long", "mediainfo_long", "floor_describe_clip", "sondex_clip", "ffprobe_clip", "exiftool_clip",
         "mediainfo_clip", "floor_describe_h264", "sondex_h264", "floor_describe_h265", "sondex_h265",
-        "sondex_stream", "sondex_per_file", "exiftool_stay_open", "mediainfo_batch"]
+        "sondex_stream", "sondex_json", "sondex_per_file", "exiftool_stay_open", "mediainfo_batch"]
 m = {r: med(r) for r in rows}
 math = float(text("sensor_math.txt"))
 print(f"{'command':<22}{'median ms':>12}")
@@ -111,6 +113,8 @@ print(f"T2 4K clip vs floor {m['sondex_clip'] / m['floor_describe_clip']:.2f}  (
 rate = 200 / (m["sondex_stream"] / 1000)
 print(f"T3 request stream   {rate:.0f} clips/s;  x{m['exiftool_stay_open'] / m['sondex_stream']:.1f} exiftool -stay_open (>= 10),"
       f" x{m['mediainfo_batch'] / m['sondex_stream']:.1f} mediainfo (>= 4);  one process per file {200 / (m['sondex_per_file'] / 1000):.0f} clips/s")
+print(f"T7 --json           {200 / (m['sondex_json'] / 1000):.0f} clips/s in one process ="
+      f" {m['sondex_stream'] / m['sondex_json']:.2f} of the request stream's rate (>= 0.80)")
 gyro = int(text("gyro_bytes.txt"))
 dump_ms = m["dump_long"] - m["sondex_long"]
 print(f"T4 gyro dump        {gyro / 1e6:.1f} MB of JSON in {dump_ms:.1f} ms over the probe = {gyro / 1e6 / (dump_ms / 1000):.0f} MB/s (>= 200)")
