@@ -4,6 +4,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "report/movie_identity.h"
+
 namespace {
 
 constexpr int32_t kAbsent = -1;  // a setting whose tag the maker note lacks
@@ -195,6 +197,7 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
   } else {
     out.nullMember("videoQuality");
   }
+  identityMembers(out, reader);
   const SensorLogs& logs = reader.sensorLogs;
   out.key("sensors").beginObject();
   logSummary(out, "gyro", logs.gyro.records, logs.gyro.samplingRate);
