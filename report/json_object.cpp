@@ -6,6 +6,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "report/movie_identity.h"
 #include "report/xmp_values.h"
 
 namespace {
@@ -199,6 +200,7 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
   } else {
     out.nullMember("videoQuality");
   }
+  identityMembers(out, reader);
   const SensorLogs& logs = reader.sensorLogs;
   out.key("sensors").beginObject();
   logSummary(out, "gyro", logs.gyro.records, logs.gyro.samplingRate);

@@ -12,6 +12,7 @@
 
 #include "exif/exif_parser.h"
 #include "report/audio_tracks.h"
+#include "report/movie_identity.h"
 #include "report/sondex_probe.h"
 #include "report/view_heading.h"
 #include "sensor/sample_loaders.h"
@@ -79,6 +80,7 @@ class MetaReader {
     uint64_t bytes = 0;     // of its samples
   } videoTrack;
   std::vector<AudioTrack> audioTracks;
+  MovieIdentity identity;  // location, model, creation time, fragmented duration
   bool hasMovieBox = false;
   bool hasVideoTrack = false;  // a track whose header gives a width
 
