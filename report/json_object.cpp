@@ -4,6 +4,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "report/spherical.h"
+
 namespace {
 
 constexpr int32_t kAbsent = -1;  // a setting whose tag the maker note lacks
@@ -207,6 +209,7 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
   } else {
     out.nullMember("orientation");
   }
+  sphericalMembers(out, reader);
   videoMembers(out, reader);
   audioMembers(out, reader.audioTracks);
   // The description's nominal frame rate, which the result line never shows.

@@ -57,6 +57,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   orientationKnown = upsideDown = frontReversed = false;
   videoTrack = VideoTrack();
   audioTracks.clear();
+  spherical = SphericalVideo();
 
   MP4::Container movie;
   const bool ok = probe.probe(path, movie);
@@ -120,6 +121,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   });
   readVideoTrack(movie);
   audioTracks = readAudioTracks(movie);
+  spherical = readSphericalVideo(movie, sphericalText);
   MP4::findAs<MP4::AVCC>(movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
     try {
       avcc.get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag, fullRange);
