@@ -7,6 +7,7 @@
 #include <initializer_list>
 
 #include "report/movie_identity.h"
+#include "report/spherical.h"
 #include "report/xmp_values.h"
 
 namespace {
@@ -213,6 +214,7 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
   } else {
     out.nullMember("orientation");
   }
+  sphericalMembers(out, reader);
   videoMembers(out, reader);
   audioMembers(out, reader.audioTracks);
   // The description's nominal frame rate, which the result line never shows.

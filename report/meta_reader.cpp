@@ -58,6 +58,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   videoTrack = VideoTrack();
   audioTracks.clear();
   identity = MovieIdentity();
+  spherical = SphericalVideo();
 
   MP4::Container movie;
   const bool ok = probe.probe(path, movie);
@@ -122,6 +123,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   readVideoTrack(movie);
   audioTracks = readAudioTracks(movie);
   identity = readMovieIdentity(movie, probe.xmpPacket);
+  spherical = readSphericalVideo(movie, sphericalText);
   MP4::findAs<MP4::AVCC>(movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
     try {
       avcc.get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag, fullRange);

@@ -14,6 +14,7 @@
 #include "report/audio_tracks.h"
 #include "report/movie_identity.h"
 #include "report/sondex_probe.h"
+#include "report/spherical.h"
 #include "report/view_heading.h"
 #include "sensor/sample_loaders.h"
 #include "sensor/yaw_stabilizer.h"
@@ -63,6 +64,7 @@ class MetaReader {
   bool frontReversed = false;
   std::string sphericalText;
   ViewHeading viewHeading;
+  SphericalVideo spherical;  // the XML packet and the sample entry's boxes
   std::string locationText;
   uint32_t frameWidth = 0;
   uint32_t frameHeight = 0;
