@@ -185,7 +185,7 @@ class JsonMode {
  private:
   std::string readMovie(MetaReader& reader, const std::wstring& path) {
     dumpFiles_.clear();
-    if (!reader.parse(path.c_str(), false)) {
+    if (!reader.parse(path.c_str(), true)) {
       return reader.hasMovieBox ? "cannot be read" : "not an MP4 file (no movie box)";
     }
     if (!reader.hasVideoTrack) return "no video track";

@@ -40,7 +40,7 @@ void MetaReader::readVideoTrack(const MP4::Container& movie) {
   });
 }
 
-bool MetaReader::parse(const wchar_t* file, bool needDescription) {
+bool MetaReader::parse(const wchar_t* file, bool forJson) {
   path = file;
   sphericalText.clear();
   locationText.clear();
@@ -64,7 +64,7 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
   const bool ok = probe.probe(path, movie);
   hasMovieBox = movie.moov != nullptr;
   hasVideoTrack = movie.videoTrak != nullptr;
-  if (!ok && (needDescription || movie.moov == nullptr)) {
+  if (!ok && (!forJson || movie.moov == nullptr)) {
     // A movie that cannot be opened is tried once more, and says so again.
     if (movie.root == nullptr) movie.attach(path, ~0ULL);
     return false;
@@ -120,10 +120,14 @@ bool MetaReader::parse(const wchar_t* file, bool needDescription) {
     hasSA3DSound = true;
     return true;
   });
-  readVideoTrack(movie);
-  audioTracks = readAudioTracks(movie);
-  identity = readMovieIdentity(movie, probe.xmpPacket);
-  spherical = readSphericalVideo(movie, sphericalText);
+  // What only the --json object shows: the result line and its messages
+  // are the same without it, and a request costs no more.
+  if (forJson) {
+    readVideoTrack(movie);
+    audioTracks = readAudioTracks(movie);
+    identity = readMovieIdentity(movie, probe.xmpPacket);
+    spherical = readSphericalVideo(movie, sphericalText);
+  }
   MP4::findAs<MP4::AVCC>(movie, "moov.trak.mdia.minf.stbl.stsd.avc1.avcC", [&](MP4::AVCC& avcc) {
     try {
       avcc.get_profile_idc_and_constrained_set1_flag(profileIdc, constrainedSet1Flag, fullRange);

@@ -21,9 +21,11 @@
 
 class MetaReader {
  public:
-  // Movies. False when the movie cannot be read or, with needDescription,
-  // cannot be described; without it, a movie box is enough.
-  bool parse(const wchar_t* path, bool needDescription = true);
+  // Movies. False when the movie cannot be read or cannot be described.
+  // forJson: for the --json object, which also reads the video and audio
+  // tracks, identity and spherical metadata, and goes on without a
+  // description when the file has a movie box.
+  bool parse(const wchar_t* path, bool forJson = false);
   void dumpToJSON() const;
   // The report's "type" (projection) and "codec" texts.
   const char* typeName() const;

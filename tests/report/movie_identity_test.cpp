@@ -20,7 +20,7 @@ std::string identityJson(const Bytes& movie) {
   dir.write("movie.mp4", movie);
   MetaReader reader;
   ConsoleCapture quiet;
-  reader.parse(dir.wfile("movie.mp4").c_str(), false);
+  reader.parse(dir.wfile("movie.mp4").c_str(), true);
   JsonWriter out;
   out.beginObject();
   identityMembers(out, reader);

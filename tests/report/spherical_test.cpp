@@ -150,7 +150,7 @@ TEST(SphericalVideo, ReadFromTheVideoTrackOfAMovie) {
   dir.write("v.mp4", injectCameraBoxes(movie, camera));
   MetaReader reader;
   ConsoleCapture capture;
-  EXPECT_TRUE(reader.parse(dir.wfile("v.mp4").c_str(), false));
+  EXPECT_TRUE(reader.parse(dir.wfile("v.mp4").c_str(), true));
   EXPECT_EQ(members(reader),
             R"({"sphericalV1":{"ProjectionType":"cubemap","StereoMode":"left-right"},"sphericalV2":{"stereoMode":)"
             R"("left-right","metadataSource":"Tool","projection":"equirectangular","pose":{"yaw":-90,"pitch":0,)"
