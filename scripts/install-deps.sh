@@ -11,7 +11,7 @@ packages=(
   # -DSONDEX_FFMPEG=system links Debian's libraries through the -dev packages
   nasm dpkg-dev xz-utils libavformat-dev libavcodec-dev libavutil-dev
   # tests
-  libgtest-dev libgmock-dev ffmpeg libimage-exiftool-perl exiv2 python3
+  libgtest-dev libgmock-dev ffmpeg libimage-exiftool-perl exiv2 python3 python3-jsonschema
   # benchmarks and fuzzing
   libbenchmark-dev clang libclang-rt-14-dev
   # documentation checks, the sensor plot and the Debian package (dpkg-dev above)
