@@ -135,6 +135,35 @@ void audioMembers(JsonWriter& out, const std::vector<AudioTrack>& tracks) {
   out.endArray();
 }
 
+void settingOrNull(JsonWriter& out, const char* name, int32_t value) {
+  if (value != kAbsent) {
+    out.member(name, value);
+  } else {
+    out.nullMember(name);
+  }
+}
+
+// Every field of the camera's record, as read from its maker note (the
+// result line shows some of them, some turned into other words).
+void makerNoteMembers(JsonWriter& out, const ExifParser::ZEPRA& record) {
+  out.key("makerNote").beginObject().member("projectionType", record.projectionType).member("hdr", record.hdr);
+  out.member("yaw", record.yaw).member("pitch", record.pitch).member("roll", record.roll);
+  out.member("aAcc", record.aAcc).member("compass", record.compass);
+  settingOrNull(out, "topBottomCorrection", record.adjZenith);
+  settingOrNull(out, "videoStabilization", record.stabilize);
+  settingOrNull(out, "rollingShutterCorrection", record.adjRs);
+  out.member("stabilizeFlag1", record.stabilizeFlag1).member("directionLocked", record.stabilizeFlag2);
+  out.member("stabilizeEnabled", record.stabilizeEnabled).member("videoQuality", record.vQuality);
+  const ExifParser::ZEPRA::STITCHING& stitching = record.stitching;
+  out.key("stitching").beginObject().member("valid", stitching.isValid());
+  out.member("convertVersion", stitching.convertVersion);
+  for (const auto& [name, point] :
+       {std::pair{"fishImgCenter", stitching.fishImgCenter}, std::pair{"fishMovCenter", stitching.fishMovCenter}}) {
+    out.key(name).beginArray().value(point[0]).value(point[1]).endArray();
+  }
+  out.member("samplingRate", stitching.samplingRate).endObject().endObject();
+}
+
 void recordTexts(JsonWriter& out, const ExifParser::ZEPRA& record) {
   textOrNull(out, "model", record.model);
   textOrNull(out, "software", record.software);
@@ -202,6 +231,11 @@ void movieMembers(JsonWriter& out, const MetaReader& reader) {
     out.nullMember("videoQuality");
   }
   identityMembers(out, reader);
+  if (probe.hasMakerNote) {
+    makerNoteMembers(out, record);
+  } else {
+    out.nullMember("makerNote");
+  }
   const SensorLogs& logs = reader.sensorLogs;
   out.key("sensors").beginObject();
   logSummary(out, "gyro", logs.gyro.records, logs.gyro.samplingRate);
@@ -230,6 +264,7 @@ void stillMembers(JsonWriter& out, const MetaReader& reader, bool isDNG) {
   recordTexts(out, reader.stillRecord);
   out.member("yaw", reader.stillRecord.yaw).member("pitch", reader.stillRecord.pitch);
   out.member("roll", reader.stillRecord.roll);
+  makerNoteMembers(out, reader.stillRecord);
   // The panorama pose an editing tool may have put into the still's XMP.
   const char* const pano[] = {"GPano:ProjectionType", "GPano:PoseHeadingDegrees", "GPano:PosePitchDegrees",
                               "GPano:PoseRollDegrees"};

@@ -37,6 +37,7 @@ void Sondex::init() {
   codec = 0;
   gyroData = -1;
   record.clear();
+  hasMakerNote = false;
   sphericalXML.clear();
   stitchingSoftware.clear();
   xmpPacket.clear();
@@ -88,6 +89,7 @@ void Sondex::readKMKN(MP4::Container& movie) {
       ExifParser parser;
       parser.attachKMKN(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
       parser.readZERPA(record);
+      hasMakerNote = true;
       GLTK::Console::out(L"source movie panoramaImageType: %d\n", record.projectionType);
     } catch (const char*) {
       GLTK::Console::out(L"EXIF can't read.\n");

@@ -35,6 +35,7 @@ class Sondex {
   int32_t codec = 0;  // 0 unknown, 1 H.264, 2 H.265
   int32_t gyroData = -1;
   ExifParser::ZEPRA record;
+  bool hasMakerNote = false;  // the KMKN box was read into record
   std::string sphericalXML;
   std::string stitchingSoftware;
   std::string xmpPacket;
