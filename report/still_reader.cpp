@@ -1,5 +1,6 @@
 // JPEG and DNG stills: the camera record from the Exif block, and for DNG
 // also where the embedded JPEG preview and the two stitching tables lie.
+#include <algorithm>
 #include <memory>
 
 #include "exif/exif_parser.h"
@@ -18,6 +19,9 @@ constexpr uint64_t kJpegHeadBytes = 65536;
 // DNG so that the walker's JPEG marker walk finds the TIFF header at 12.
 constexpr unsigned char kSyntheticJpegHeader[12] = {0xFF, 0xD8, 0xFF, 0xE1, 0xFF, 0xFF,
                                                     0x45, 0x78, 0x69, 0x66, 0x00, 0x00};
+
+// The most of a raw still's XMP packet that is read.
+constexpr uint32_t kXmpLimit = 1 << 20;
 
 // A read's result as the system call gave it: all ones on error, 0 at end.
 bool readFailed(uint64_t count) { return static_cast<int64_t>(count) < 1; }
@@ -101,6 +105,18 @@ bool MetaReader::parse_DNG(const wchar_t* path, bool dump) {
       affineTable2Length = parser.affineTable2Length;
       ok = true;
       stillFailure.clear();
+      // IFD0's XMP packet (tag 700), for --json. It never fails the still: a
+      // packet that lies outside the file is left out.
+      try {
+        parser.seekToIFD0();
+        parser.find(0x02BC, [&](uint16_t, uint16_t, uint32_t count, uint32_t value) {
+          if (count <= 4) return;
+          stillXmp.resize(std::min(count, kXmpLimit));
+          parser.read(reinterpret_cast<unsigned char*>(stillXmp.data()), stillXmp.size(), parser.tiffBase + value);
+        });
+      } catch (const char*) {
+        stillXmp.clear();
+      }
       if (dump) {
         parser.dumpKMKN();
         GLTK::Console::out(L"\n");

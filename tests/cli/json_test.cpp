@@ -83,10 +83,13 @@ TEST(JsonMode, OneStrictObjectPerFileWithTheReasonOfEachFailure) {
   dir.write(
       "pano.jpg",
       concat({{0xFF, 0xD8}, jpegSegment(0xFFE1, Bytes(xmp.begin(), xmp.end())), Bytes(jpeg.begin() + 2, jpeg.end())}));
+  // A raw still's packet is IFD0's tag 700.
+  const Ifd raw = cameraDngIfd0(previewIfd({0xFF, 0xD9})).bytes(0x02BC, kByte, Bytes(xmp.begin() + 29, xmp.end()));
+  dir.write("pano.dng", TiffBuilder().build(raw));
   fs::create_directory(dir.file("dumps"));
   const Answer all = sondex(dir,
                             "--json -r --dumps dumps tree text.mp4 'q\"\n\xC3\xA9.jpg' '\xFF.jpg' bad.dng audio.mp4 "
-                            "cut.jpg pano.jpg none.mp4");
+                            "cut.jpg pano.jpg pano.dng none.mp4");
   EXPECT_EQ(all.status, 1);
   EXPECT_TRUE(strictJsonLines(dir, all.out));
   EXPECT_EQ(all.out, golden("tests/cli/golden/json.txt", all.out));
