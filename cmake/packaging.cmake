@@ -14,7 +14,7 @@ install(CODE "execute_process(COMMAND gzip -9 -n -c \"${SONDEX_MAN_SOURCE}\"
 install(FILES "${SONDEX_MAN_GZ}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 
 # The documentation and the driver examples.
-install(FILES README.md docs/report.md docs/sensors.md docs/sensor-sample.png docs/json.md
+install(FILES README.md docs/report.md docs/sensors.md docs/sensor-sample.png docs/json.md docs/messages.md
               docs/sondex-json.schema.json
         DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(PROGRAMS examples/driver.py examples/probe-archive.sh

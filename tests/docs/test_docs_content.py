@@ -82,6 +82,32 @@ class ReportKeys(unittest.TestCase):
         self.assertEqual(sorted(documented - keys), [])
 
 
+class Messages(unittest.TestCase):
+    CONVERSION = re.compile(r"%[-#0 +]*\d*(?:\.\d+)?(?:hh|h|ll|l|L|z|j|t)?[diouxXeEfgGcsp%]")
+
+    def test_every_console_message_is_in_the_catalogue(self):
+        """Each message format of the program, by its longest literal part,
+        is in docs/messages.md (the box-tree lines of the tools and the
+        result lines, which report.md describes, aside)."""
+        code = ""
+        for folder in ("cli", "gltk", "mp4", "h264", "exif", "sensor", "report"):
+            for path in glob.glob(os.path.join(SOURCE, folder, "*.cpp")):
+                with open(path, encoding="utf-8") as f:
+                    code += f.read()
+        formats = re.findall(r'(?:Console::out|complaintLine)\(\s*L"((?:[^"\\]|\\.)*)"', code)
+        self.assertGreater(len(formats), 60)  # the extraction still finds the messages
+        catalogue = read("docs/messages.md")
+        missing = []
+        for text in formats:
+            if text.startswith(("MP4: ", "result: ")):
+                continue
+            parts = [part.replace("\\n", "").strip() for part in self.CONVERSION.split(text)]
+            longest = max(parts, key=len)
+            if len(longest) >= 4 and longest not in catalogue:
+                missing.append(text)
+        self.assertEqual(missing, [])
+
+
 class Package(unittest.TestCase):
     def test_install_rules_name_files_that_exist(self):
         rules = read("cmake/packaging.cmake")
