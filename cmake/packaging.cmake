@@ -13,12 +13,15 @@ install(CODE "execute_process(COMMAND gzip -9 -n -c \"${SONDEX_MAN_SOURCE}\"
               endif()")
 install(FILES "${SONDEX_MAN_GZ}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 
-# The documentation and the driver examples.
-install(FILES README.md docs/report.md docs/sensors.md docs/sensor-sample.png docs/json.md docs/messages.md
-              docs/sondex-json.schema.json
-        DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+# The documentation in the layout of the source tree, so that its links hold,
+# with what its examples use: the driver examples, the bundled samples and
+# the yaw plot.
+install(FILES README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(DIRECTORY docs/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs")
+install(DIRECTORY samples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/samples")
 install(PROGRAMS examples/driver.py examples/probe-archive.sh
         DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
+install(PROGRAMS tools/plot_yaw.py DESTINATION "${CMAKE_INSTALL_DOCDIR}/tools")
 # The statically linked FFmpeg's licence (LGPL 2.1 or later), Debian's
 # copyright file for its source and the configure line it was built with.
 if(SONDEX_FFMPEG STREQUAL "lean")

@@ -17,9 +17,21 @@ fail() { echo "check-package: $*" >&2; exit 1; }
 
 # cmake --install, staged.
 DESTDIR="$stage" cmake --install build >/dev/null
-for f in bin/sondex share/man/man1/sondex.1.gz share/doc/sondex/README.md share/doc/sondex/examples/driver.py; do
+for f in bin/sondex share/man/man1/sondex.1.gz share/doc/sondex/README.md share/doc/sondex/examples/driver.py \
+  share/doc/sondex/docs/report.md share/doc/sondex/samples/sample.mp4 share/doc/sondex/tools/plot_yaw.py; do
   [ -s "$stage/usr/local/$f" ] || fail "cmake --install did not install $f"
 done
+# Every relative link of the installed documents leads to an installed file.
+doc=$stage/usr/local/share/doc/sondex
+while IFS= read -r -d '' page; do
+  while IFS= read -r target; do
+    target=${target%%#*}
+    [ -z "$target" ] || [ -e "$(dirname "$page")/$target" ] || fail "${page#"$doc"/} links to $target, which is not installed"
+  done < <(grep -o '](\([^)]*\))' "$page" | sed 's/^](//; s/)$//' | grep -v '^[a-z]*:' || true)
+done < <(find "$doc" -name '*.md' -print0)
+# The installed program reads the installed samples, from any folder.
+(cd / && "$stage/usr/local/bin/sondex" "$doc/samples/sample.dng" | tail -n 1 | grep -q '^result: {"status":"succeed", "type":"DNG"') ||
+  fail "the installed sondex did not read the installed sample.dng"
 
 # The package.
 rm -f build/sondex_*.deb
