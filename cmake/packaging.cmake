@@ -17,6 +17,7 @@ install(FILES "${SONDEX_MAN_GZ}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 # with what its examples use: the driver examples, the bundled samples and
 # the yaw plot.
 install(FILES README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(FILES COPYRIGHT DESTINATION "${CMAKE_INSTALL_DOCDIR}" RENAME copyright)
 install(DIRECTORY docs/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs")
 install(DIRECTORY samples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/samples")
 install(PROGRAMS examples/driver.py examples/probe-archive.sh

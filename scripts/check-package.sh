@@ -18,7 +18,8 @@ fail() { echo "check-package: $*" >&2; exit 1; }
 # cmake --install, staged.
 DESTDIR="$stage" cmake --install build >/dev/null
 for f in bin/sondex share/man/man1/sondex.1.gz share/doc/sondex/README.md share/doc/sondex/examples/driver.py \
-  share/doc/sondex/docs/report.md share/doc/sondex/samples/sample.mp4 share/doc/sondex/tools/plot_yaw.py; do
+  share/doc/sondex/docs/report.md share/doc/sondex/samples/sample.mp4 share/doc/sondex/tools/plot_yaw.py \
+  share/doc/sondex/copyright; do
   [ -s "$stage/usr/local/$f" ] || fail "cmake --install did not install $f"
 done
 # Every relative link of the installed documents leads to an installed file.
@@ -57,6 +58,7 @@ fi
 contents=$(dpkg-deb -c "$deb")
 grep ' ./usr/bin/sondex$' <<< "$contents" > /dev/null || fail "the package holds no /usr/bin/sondex"
 grep ' ./usr/share/man/man1/sondex.1.gz$' <<< "$contents" > /dev/null || fail "the package holds no manual page"
+grep ' ./usr/share/doc/sondex/copyright$' <<< "$contents" > /dev/null || fail "the package holds no copyright file"
 
 SUDO=
 if [ "$(id -u)" -ne 0 ]; then
