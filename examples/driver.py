@@ -9,8 +9,11 @@ table is printed, one row per file.
 
     python3 examples/driver.py [--sondex PROGRAM] [--dumps FOLDER] [-v] PATH...
 
-A PATH that is a folder is searched for .mp4, .jpg, .jpeg and .dng files.
-Uses the Python standard library only.
+A PATH that is a folder is searched for the files sondex reads: .mp4, .mov,
+.m4v, .jpg, .jpeg and .dng, in any case. The program is --sondex, else
+$SONDEX, else sondex on the PATH, else build/cli/sondex in the checkout this
+script lives in; when there is none, or it does not run, the driver says so
+and exits with status 1. Uses the Python standard library only.
 """
 
 import argparse
@@ -21,19 +24,44 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import unicodedata
 
 RESULT = b"result: "
 STILL_SUFFIXES = (".jpg", ".jpeg", ".dng")
-MOVIE_SUFFIXES = (".mp4",)
+MOVIE_SUFFIXES = (".mp4", ".mov", ".m4v")
 # One request line holds at most this many characters before its newline;
 # a longer one would be read as two requests and answered twice.
 MAX_LINE = 4095
 DUMP_KINDS = ("gravity", "gyro", "compass")
 
 
-def default_program():
-    built = os.path.join("build", "cli", "sondex")
-    return built if os.access(built, os.X_OK) else "sondex"
+class NoProgram(Exception):
+    pass
+
+
+def find_program(chosen):
+    """The sondex to run: the one chosen (--sondex or $SONDEX), else sondex
+    on the PATH, else the build folder of the checkout this script is in.
+    Raises NoProgram when there is none or it does not answer --version."""
+    if chosen:
+        program = shutil.which(chosen) if os.sep not in chosen else chosen
+        if program is None:
+            raise NoProgram("no program %s on the PATH" % chosen)
+    else:
+        here = os.path.dirname(os.path.realpath(__file__))
+        built = os.path.join(os.path.dirname(here), "build", "cli", "sondex")
+        program = shutil.which("sondex") or (built if os.path.exists(built) else None)
+        if program is None:
+            raise NoProgram("no sondex on the PATH nor in %s; name one with --sondex PROGRAM or SONDEX=PROGRAM"
+                            % built)
+    try:
+        done = subprocess.run([program, "--version"], stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
+    except (OSError, subprocess.SubprocessError) as error:
+        raise NoProgram("cannot run %s: %s" % (program, error))
+    if done.returncode != 0 or not done.stdout.startswith(b"sondex "):
+        raise NoProgram("cannot run %s: its --version did not answer as sondex does (exit status %d)"
+                        % (program, done.returncode))
+    return program
 
 
 def kind_of(path):
@@ -82,9 +110,12 @@ class Sondex:
         self.process = None
 
     def start(self):
-        self.process = subprocess.Popen(
-            [self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0
-        )
+        try:
+            self.process = subprocess.Popen(
+                [self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0
+            )
+        except OSError as error:
+            raise EOFError("cannot start %s: %s" % (self.program, error))
 
     def _send(self, line):
         try:
@@ -115,11 +146,11 @@ class Sondex:
         is answered with exactly two lines, its open failure and a failed
         result. None means the process ended without answering; a new one
         is started for the next request."""
-        if self.process is None:
-            self.start()
         messages = []
         result = None
         try:
+            if self.process is None:
+                self.start()
             self._send(line)
             while result is None:  # up to the first result line
                 raw = self._read_line()
@@ -191,6 +222,21 @@ def shown(path):
     return text.translate({9: "\\t", 10: "\\n", 13: "\\r"})
 
 
+def width(text):
+    """Terminal columns of a text: East Asian wide and fullwidth characters
+    take two, combining marks none."""
+    columns = 0
+    for c in text:
+        if unicodedata.combining(c) or unicodedata.category(c) in ("Mn", "Me"):
+            continue
+        columns += 2 if unicodedata.east_asian_width(c) in ("W", "F") else 1
+    return columns
+
+
+def pad(text, columns):
+    return text + " " * (columns - width(text))
+
+
 def describe(result, kind, counts):
     if kind == "still":
         angles = ["%s %g" % (k, result[k]) for k in ("yaw", "pitch", "roll") if k in result]
@@ -213,14 +259,20 @@ def describe(result, kind, counts):
 def main(argv):
     parser = argparse.ArgumentParser(description="Probe files through one sondex process.")
     parser.add_argument("paths", nargs="+", metavar="PATH", help="files or folders")
-    parser.add_argument("--sondex", default=default_program(), help="the sondex program")
+    parser.add_argument("--sondex", default=os.environ.get("SONDEX"),
+                        help="the sondex program (default: $SONDEX, sondex on the PATH, build/cli/sondex)")
     parser.add_argument("--dumps", help="keep the sensor dump files in this folder")
     parser.add_argument("-v", "--verbose", action="store_true", help="show console messages")
     args = parser.parse_args(argv)
+    try:
+        program = find_program(args.sondex)
+    except NoProgram as error:
+        print("driver.py: %s" % error, file=sys.stderr)
+        return 1
 
     dump_dir = args.dumps or tempfile.mkdtemp(prefix="sondex-dumps-")
     os.makedirs(dump_dir, exist_ok=True)
-    sondex = Sondex(args.sondex, dump_dir)
+    sondex = Sondex(program, dump_dir)
     rows = []
     try:
         for index, path in enumerate(collect(args.paths)):
@@ -262,9 +314,9 @@ def main(argv):
 
     rows = [(shown(row[0]),) + row[1:] for row in rows]
     header = ("file", "kind", "status", "model", "details")
-    widths = [max(len(str(row[i])) for row in rows + [header]) for i in range(4)]
+    widths = [max(width(str(row[i])) for row in rows + [header]) for i in range(4)]
     for row in [header] + rows:
-        cells = [str(cell).ljust(width) for cell, width in zip(row, widths)]
+        cells = [pad(str(cell), columns) for cell, columns in zip(row, widths)]
         print("  ".join(cells + [str(row[4])]).rstrip())
     answered = sum(1 for row in rows if row[2] == "succeed")
     print("%d files, %d read, %d not; sondex exit status %d" % (len(rows), answered, len(rows) - answered, exit_status))

@@ -6,8 +6,11 @@
 #   examples/probe-archive.sh FOLDER [WORKERS] > answers.tsv
 #
 # Writes "path<TAB>JSON" lines, sorted by path; a count and the time taken go
-# to standard error. The program is $SONDEX, else build/cli/sondex when it
-# exists, else sondex on the PATH.
+# to standard error. The files are those sondex reads: .mp4, .mov, .m4v, .jpg,
+# .jpeg and .dng, in any case. WORKERS, a positive whole number, defaults to
+# the number of cores. The program is $SONDEX, else sondex on the PATH, else
+# build/cli/sondex in the checkout this script lives in; when there is none,
+# or it does not run, the script says so and exits with status 1.
 #
 # Every request line is answered with one "result: " line, but a console
 # message may quote a file's own text (a movie's model name) and so look like
@@ -21,16 +24,33 @@
 # than 4095 characters) are listed on standard error and left out.
 set -euo pipefail
 
-if [ $# -lt 1 ] || [ $# -gt 2 ] || [ ! -d "$1" ]; then
+usage() {
   echo "usage: $0 FOLDER [WORKERS] > answers.tsv" >&2
   exit 2
-fi
+}
+[ $# -ge 1 ] && [ $# -le 2 ] && [ -d "$1" ] || usage
 folder=$1
-workers=${2:-$(nproc)}
+workers=${2-$(nproc)}
+[[ $workers =~ ^[1-9][0-9]{0,8}$ ]] || usage
+
+# The program, as a path that the workers can run from anywhere.
+fail() {
+  echo "probe-archive: $*" >&2
+  exit 1
+}
 sondex=${SONDEX:-}
-if [ -z "$sondex" ]; then
-  if [ -x build/cli/sondex ]; then sondex=$PWD/build/cli/sondex; else sondex=sondex; fi
+if [ -n "$sondex" ]; then
+  if [[ $sondex != */* ]]; then
+    sondex=$(type -P -- "$sondex") || fail "no program $SONDEX on the PATH"
+  fi
+else
+  built=$(cd "$(dirname "$(readlink -f -- "$0")")/.." && pwd)/build/cli/sondex
+  sondex=$(type -P sondex) || sondex=$built
+  [ -e "$sondex" ] || fail "no sondex on the PATH nor in $built; name one with SONDEX=PROGRAM"
 fi
+[[ $sondex == /* ]] || sondex=$PWD/$sondex
+version=$("$sondex" --version < /dev/null 2>/dev/null) && [[ $version == "sondex "* ]] ||
+  fail "cannot run $sondex: its --version did not answer as sondex does"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 start=$(date +%s.%N)
@@ -40,7 +60,7 @@ export SONDEX=$sondex FENCE FENCE_LINE="open($FENCE, 'r') failed." LC_ALL=C.UTF-
 
 # Every movie and still, NUL-separated, split into the paths a request line
 # can carry and those it cannot.
-find "$folder" -type f \( -iname '*.mp4' -o -iname '*.jpg' -o -iname '*.jpeg' -o -iname '*.dng' \) -print0 \
+find "$folder" -type f \( -iname '*.mp4' -o -iname '*.mov' -o -iname '*.m4v' -o -iname '*.jpg' -o -iname '*.jpeg' -o -iname '*.dng' \) -print0 \
   > "$work/all"
 expressible='^[^\t\r\n]{1,4095}\z'
 grep -zaP -e "$expressible" "$work/all" > "$work/paths" || true
@@ -50,10 +70,13 @@ if grep -zavP -e "$expressible" "$work/all" > "$work/rejected"; then
   done < "$work/rejected"
 fi
 
-# One share per worker, dealt round-robin so that big and small files mix.
+# One share per worker (no more shares than files), dealt round-robin so
+# that big and small files mix.
+count=$(tr -cd '\0' < "$work/paths" | wc -c)
+shares=$(( workers < count ? workers : count ))
 mkdir "$work/shares"
-if [ -s "$work/paths" ]; then
-  split -e -n "r/$workers" -t '\0' -d -a 4 "$work/paths" "$work/shares/"
+if [ "$shares" -gt 0 ]; then
+  split -e -n "r/$shares" -t '\0' -d -a "${#shares}" "$work/paths" "$work/shares/"
 fi
 
 probe_share() {
@@ -77,13 +100,10 @@ probe_share() {
 }
 export -f probe_share
 
-shares=("$work"/shares/*)
-if [ -e "${shares[0]}" ]; then
-  printf '%s\0' "${shares[@]}" | xargs -0 -n 1 -P "$workers" bash -c 'probe_share "$1"' _
+if [ "$shares" -gt 0 ]; then
+  printf '%s\0' "$work"/shares/* | xargs -0 -n 1 -P "$shares" bash -c 'probe_share "$1"' _
+  cat "$work"/shares/*.tsv | sort
 fi
-
-count=$(tr -cd '\0' < "$work/paths" | wc -c)
-cat "$work"/shares/*.tsv 2>/dev/null | sort
 end=$(date +%s.%N)
 awk -v n="$count" -v w="$workers" -v s="$start" -v e="$end" 'BEGIN {
   t = e - s; printf "probe-archive: %d files with %d workers in %.2f s (%.0f files/s)\n", n, w, t, (t > 0 ? n / t : 0)

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs what the whole-process benchmark (bench/run.sh) needs on top of
-# the build's own dependencies: the peers it is compared with and the
-# measuring tools. Idempotent; run as root (or through sudo).
+# what the build and the tests need (Google Benchmark among them): the peers
+# it is compared with and the measuring tools. Idempotent; run as root (or through sudo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+bash scripts/install-test-deps.sh
 
 packages=(hyperfine mediainfo libimage-exiftool-perl ffmpeg strace time python3)
 missing=()

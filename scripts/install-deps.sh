@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs everything the build, the tests and the benchmarks need on Debian 12.
+# Installs what building and running sondex needs on Debian 12; the tests,
+# benchmarks and fuzzers need more (scripts/install-test-deps.sh).
 # Idempotent: packages already present are left alone; run as root (or through sudo).
 set -euo pipefail
 
@@ -8,14 +9,9 @@ packages=(
   build-essential cmake pkg-config git
   # the movie description's FFmpeg: scripts/build-ffmpeg.sh fetches Debian's
   # source (apt-get source unpacks it with dpkg-dev) and assembles with nasm;
-  # -DSONDEX_FFMPEG=system links Debian's libraries through the -dev packages
+  # -DSONDEX_FFMPEG=system links Debian's libraries through the -dev packages,
+  # which bring the shared libraries the program then runs with
   nasm dpkg-dev xz-utils libavformat-dev libavcodec-dev libavutil-dev
-  # tests
-  libgtest-dev libgmock-dev ffmpeg libimage-exiftool-perl exiv2 python3 python3-jsonschema
-  # benchmarks and fuzzing
-  libbenchmark-dev clang libclang-rt-14-dev
-  # documentation checks, the sensor plot and the Debian package (dpkg-dev above)
-  groff-base gnuplot-nox file
 )
 
 missing=()
