@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "gltk/byte_order.h"
@@ -56,19 +57,44 @@ bool descriptorLength(std::string_view bytes, size_t& at, uint32_t& length) {
   return true;
 }
 
-// objectTypeIndication of the decoder configuration in an "esds" body, or 0.
-uint8_t objectTypeOf(std::string_view esds) {
+// The channels an AAC AudioSpecificConfig states (channelConfiguration 1
+// to 6 as they are, 7 for eight), or 0 when it leaves them to a program
+// config element or is cut short.
+uint32_t aacChannels(std::string_view config) {
+  uint64_t bits = 0;
+  for (size_t i = 0; i < 8; ++i) bits = bits << 8 | (i < config.size() ? bytesOf(config)[i] : 0);
+  int used = 5;                     // audioObjectType
+  if (bits >> 59 == 31) used += 6;  // its escape
+  const bool explicitRate = (bits >> (60 - used) & 0xF) == 0xF;
+  used += explicitRate ? 28 : 4;  // samplingFrequencyIndex (and the rate itself)
+  if (static_cast<size_t>(used + 4) > 8 * config.size()) return 0;
+  const uint32_t channels = bits >> (60 - used) & 0xF;  // channelConfiguration
+  return channels == 7 ? 8 : channels <= 6 ? channels : 0;
+}
+
+// The decoder configuration in an "esds" body: its objectTypeIndication
+// (0 when not found) and, for AAC, the channels its decoder-specific
+// configuration states (0 when it does not).
+std::pair<uint8_t, uint32_t> decoderConfigOf(std::string_view esds) {
   size_t at = 4;  // version and flags
   uint32_t length = 0;
-  if (at >= esds.size() || bytesOf(esds)[at++] != 0x03 || !descriptorLength(esds, at, length)) return 0;
-  if (at + 3 > esds.size()) return 0;
+  if (at >= esds.size() || bytesOf(esds)[at++] != 0x03 || !descriptorLength(esds, at, length)) return {0, 0};
+  if (at + 3 > esds.size()) return {0, 0};
   const uint8_t flags = bytesOf(esds)[at + 2];
   at += 3;                                                              // ES_ID, flags
   if (flags & 0x80) at += 2;                                            // dependsOn_ES_ID
   if ((flags & 0x40) && at < esds.size()) at += 1 + bytesOf(esds)[at];  // URL
   if (flags & 0x20) at += 2;                                            // OCR_ES_Id
-  if (at >= esds.size() || bytesOf(esds)[at++] != 0x04 || !descriptorLength(esds, at, length)) return 0;
-  return at < esds.size() ? bytesOf(esds)[at] : 0;
+  if (at >= esds.size() || bytesOf(esds)[at++] != 0x04 || !descriptorLength(esds, at, length)) return {0, 0};
+  if (at >= esds.size()) return {0, 0};
+  const uint8_t objectType = bytesOf(esds)[at];
+  at += 13;  // objectTypeIndication, streamType, bufferSizeDB, maxBitrate, avgBitrate
+  const bool aac = objectType == 0x40 || (objectType >= 0x66 && objectType <= 0x68);
+  if (!aac || at >= esds.size() || bytesOf(esds)[at++] != 0x05 || !descriptorLength(esds, at, length) ||
+      at > esds.size()) {
+    return {objectType, 0};
+  }
+  return {objectType, aacChannels(esds.substr(at, std::min<size_t>(length, esds.size() - at)))};
 }
 
 SpatialAudio spatialAudioOf(std::string_view body) {
@@ -96,7 +122,13 @@ void readChildren(std::string_view bytes, AudioTrack& track, uint8_t& objectType
     if (size < header || size > bytes.size() - at) return;
     const std::string_view type = bytes.substr(at + 4, 4), body = bytes.substr(at + header, size - header);
     if (type == "SA3D" && body.size() >= 12) track.sa3d = spatialAudioOf(body);
-    if (type == "esds") objectType = objectTypeOf(body);
+    if (type == "esds") {
+      // ISO files state two channels in the entry whatever the stream
+      // holds; the AAC configuration tells, as decoders read it.
+      uint32_t channels = 0;
+      std::tie(objectType, channels) = decoderConfigOf(body);
+      if (channels != 0) track.channels = channels;
+    }
     if (type == "dOps" && body.size() >= 2) track.channels = bytesOf(body)[1];
     if (type == "wave" && !inWave) readChildren(body, track, objectType, true);
     at += size;

@@ -27,10 +27,10 @@ namespace {
 // One answer as it goes over the socket: no padding, every byte set.
 struct Answer {
   uint32_t described;
-  float frameRate;
-  double width, height, duration;
+  uint32_t unused;
+  double frameRate, width, height, duration;
 };
-static_assert(sizeof(Answer) == 32);
+static_assert(sizeof(Answer) == 40);
 
 // Writes all n bytes; false when the other end is gone.
 bool sendAll(int channel, const void* data, size_t n) {
@@ -116,7 +116,7 @@ void DescriberProcess::serve(int channel, pid_t parent) const {
       std::wstring path(length, L'\0');
       if (receiveAll(channel, path.data(), length * sizeof(wchar_t)) != Received::All) ::_exit(0);
       MovieDescription d;
-      if (describe_(path, d)) answer = Answer{1, d.frameRate, d.width, d.height, d.duration};
+      if (describe_(path, d)) answer = Answer{1, 0, d.frameRate, d.width, d.height, d.duration};
     } catch (...) {
       // A failed description: nothing may unwind into the code that forked.
     }

@@ -90,7 +90,7 @@ bool describeMovie(const std::wstring& path, MovieDescription& out) {
 
   out.width = stream->codecpar->width;
   out.height = stream->codecpar->height;
-  out.frameRate = static_cast<float>(av_q2d(stream->avg_frame_rate));
+  out.frameRate = av_q2d(stream->avg_frame_rate);
   if (stream->duration != AV_NOPTS_VALUE) {
     out.duration = static_cast<double>(stream->duration) * av_q2d(stream->time_base);
   } else if (format->duration != AV_NOPTS_VALUE) {

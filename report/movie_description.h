@@ -9,7 +9,7 @@ struct MovieDescription {
   double width = -1;
   double height = -1;
   double duration = 0;  // seconds
-  float frameRate = 0;  // nominal (average) frames per second
+  double frameRate = 0;  // nominal (average) frames per second
 };
 
 // Describes a movie with libavformat/libavcodec: open it, take the first

@@ -29,7 +29,7 @@ class Sondex {
   void detectBitRate(MP4::Container& movie);
 
   uint32_t cameraVersion = 0;
-  float frameRate = 0;
+  double frameRate = 0;
   int32_t width = 0;
   int32_t height = 0;
   int32_t codec = 0;  // 0 unknown, 1 H.264, 2 H.265

@@ -10,6 +10,7 @@
 #include <regex>
 
 #include "exif/exif_parser.h"
+#include "report/audio_tracks.h"
 #include "report/describer_process.h"
 #include "report/meta_reader.h"
 #include "report/xml_text.h"
@@ -182,12 +183,37 @@ TEST(MovieDescription, DecodableExactlyWhenTheBuildDecodesTheMovie) {
     MovieDescription d;
     ASSERT_EQ(describeSilently(dir.file(file), d), decodable) << file;
     if (!decodable) continue;
-    EXPECT_EQ(std::tuple(d.width, d.height, std::lround(d.frameRate * 100), std::lround(d.duration * 10)),
-              std::tuple(384, 192, 2997, 10))
+    EXPECT_EQ(std::tuple(d.width, d.height, d.frameRate, std::lround(d.duration * 10)),
+              std::tuple(384, 192, 30000.0 / 1001, 10))
         << file;
   }
   MovieDescription d;  // not a movie, and no file
   EXPECT_FALSE(describeSilently(dir.write("bad.mp4", {'h', 'i'}), d) || describeSilently(dir.file("no.mp4"), d));
+}
+
+// An "mp4a" entry stating two channels whose elementary-stream descriptor carries the given decoder-specific
+// configuration: AAC's AudioSpecificConfig tells the channels, as decoders read them.
+TEST(AudioTracks, AacConfigurationGivesTheChannels) {
+  const std::tuple<uint8_t, const char*, uint32_t> cases[] = {
+      {0x40, "1208", 1},        // LC, 44.1 kHz, mono
+      {0x40, "11B8", 8},        // configuration 7: eight channels
+      {0x67, "F946C0", 6},      // an escaped object type, six channels
+      {0x40, "17805DC020", 4},  // a rate given explicitly, four channels
+      {0x40, "1180", 2},        // configuration 0 leaves them to a program config element: the entry's
+      {0x40, "12", 2},          // cut short: the entry's
+      {0x6B, "1208", 2}};       // not AAC: the entry's
+  for (const auto& [objectType, config, channels] : cases) {
+    const Bytes asc = fromHex(config);
+    const Bytes decoder = ByteWriter().u8(objectType).u8(0x15).zeros(11).u8(5).u8(asc.size()).bytes(asc).data();
+    const Bytes es = ByteWriter().u16(1).u8(0).u8(4).u8(decoder.size()).bytes(decoder).data();
+    const Bytes esds = Box::full("esds", 0, 0).u8(3).u8(es.size()).bytes(es).build();
+    const Bytes entry =
+        Box("mp4a").zeros(6).u16(1).zeros(8).u16(2).u16(16).zeros(4).u32(44100u << 16).bytes(esds).build();
+    AudioTrack track;
+    ASSERT_TRUE(parseSoundEntry("mp4a", std::string(entry.begin() + 8, entry.end()), track)) << config;
+    EXPECT_EQ(std::tuple(track.codec, track.channels), std::tuple(objectType == 0x6B ? "mp3" : "aac", channels))
+        << config;
+  }
 }
 
 // "spin" never ends, "die" ends the worker, "fail" fails; others get their length as width.
