@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
-# Installs what building and running sondex needs on Debian 12; the tests,
-# benchmarks and fuzzers need more (scripts/install-test-deps.sh).
+# Installs what building and running sondex needs on Debian 12, and the
+# further packages named as arguments (scripts/install-test-deps.sh names
+# what the tests, benchmarks and fuzzers need).
+#
+#   scripts/install-deps.sh [PACKAGE...]
+#
 # Idempotent: packages already present are left alone; run as root (or through sudo).
 set -euo pipefail
 
@@ -12,6 +16,7 @@ packages=(
   # -DSONDEX_FFMPEG=system links Debian's libraries through the -dev packages,
   # which bring the shared libraries the program then runs with
   nasm dpkg-dev xz-utils libavformat-dev libavcodec-dev libavutil-dev
+  "$@"
 )
 
 missing=()

@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
 # Installs what the tests, the benchmarks, the fuzzers and the documentation
 # checks need on Debian 12, on top of what building and running needs
-# (scripts/install-deps.sh, run first).
+# (scripts/install-deps.sh installs both, in one apt-get call).
 # Idempotent: packages already present are left alone; run as root (or through sudo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
 
 packages=(
   # tests
@@ -16,20 +15,4 @@ packages=(
   # comes with the build's packages)
   groff-base gnuplot-nox file
 )
-
-missing=()
-for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
-    missing+=("$p")
-  fi
-done
-
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
-fi
-
-SUDO=
-if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; fi
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+bash scripts/install-deps.sh "${packages[@]}"
