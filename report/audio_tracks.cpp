@@ -7,11 +7,12 @@
 #include <utility>
 
 #include "gltk/byte_order.h"
+#include "mp4/box_bytes.h"
 #include "mp4/boxes.h"
 
 namespace {
 
-const uint8_t* bytesOf(std::string_view text) { return reinterpret_cast<const uint8_t*>(text.data()); }
+using MP4::bytesOf;
 
 bool isSoundEntry(const std::string& type) {
   for (const char* sound : {"mp4a", "sowt", "twos", "lpcm", "ipcm", "fpcm", "Opus", "ac-3", "ec-3", "alac", "fLaC",
@@ -114,13 +115,7 @@ SpatialAudio spatialAudioOf(std::string_view body) {
 
 // The boxes behind a sound entry's fields (and inside a QuickTime "wave").
 void readChildren(std::string_view bytes, AudioTrack& track, uint8_t& objectType, bool inWave) {
-  for (size_t at = 0; bytes.size() - at >= 8;) {
-    uint64_t size = GLTK::loadBE32(bytesOf(bytes) + at);
-    size_t header = 8;
-    if (size == 1 && bytes.size() - at >= 16) size = GLTK::loadBE(bytesOf(bytes) + at + 8, 8), header = 16;
-    if (size == 0) size = bytes.size() - at;
-    if (size < header || size > bytes.size() - at) return;
-    const std::string_view type = bytes.substr(at + 4, 4), body = bytes.substr(at + header, size - header);
+  MP4::forEachBox(bytes, [&](std::string_view type, std::string_view body) {
     if (type == "SA3D" && body.size() >= 12) track.sa3d = spatialAudioOf(body);
     if (type == "esds") {
       // ISO files state two channels in the entry whatever the stream
@@ -131,8 +126,7 @@ void readChildren(std::string_view bytes, AudioTrack& track, uint8_t& objectType
     }
     if (type == "dOps" && body.size() >= 2) track.channels = bytesOf(body)[1];
     if (type == "wave" && !inWave) readChildren(body, track, objectType, true);
-    at += size;
-  }
+  });
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "report/json_object.h"
 
-#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 
 #include "report/movie_identity.h"
 #include "report/spherical.h"
@@ -15,12 +15,7 @@ namespace {
 constexpr int32_t kAbsent = -1;  // a setting whose tag the maker note lacks
 
 void textOrNull(JsonWriter& out, const char* name, const std::string& field) {
-  const std::string text = recordText(field);
-  if (text.empty()) {
-    out.nullMember(name);
-  } else {
-    out.member(name, text);
-  }
+  out.textOrNull(name, recordText(field));
 }
 
 void positiveOrNull(JsonWriter& out, const char* name, uint64_t number) {
@@ -109,12 +104,7 @@ void namedOrNumber(JsonWriter& out, const char* name, uint32_t value, std::initi
 void audioMembers(JsonWriter& out, const std::vector<AudioTrack>& tracks) {
   out.key("audio").beginArray();
   for (const AudioTrack& track : tracks) {
-    out.beginObject().member("sampleEntry", track.sampleEntry);
-    if (track.codec.empty()) {
-      out.nullMember("codec");
-    } else {
-      out.member("codec", track.codec);
-    }
+    out.beginObject().member("sampleEntry", track.sampleEntry).textOrNull("codec", track.codec);
     out.member("channels", track.channels).member("sampleRate", track.sampleRate);
     out.member("sampleSize", track.sampleSize).member("cameraSpatial", track.cameraSpatial);
     if (track.sa3d) {
@@ -265,22 +255,26 @@ void stillMembers(JsonWriter& out, const MetaReader& reader, bool isDNG) {
   out.member("yaw", reader.stillRecord.yaw).member("pitch", reader.stillRecord.pitch);
   out.member("roll", reader.stillRecord.roll);
   makerNoteMembers(out, reader.stillRecord);
-  // The panorama pose an editing tool may have put into the still's XMP.
-  const char* const pano[] = {"GPano:ProjectionType", "GPano:PoseHeadingDegrees", "GPano:PosePitchDegrees",
-                              "GPano:PoseRollDegrees"};
+  // The panorama pose an editing tool may have put into the still's XMP,
+  // each property looked up once.
+  const std::pair<const char*, const char*> pano[] = {{"GPano:ProjectionType", "projectionType"},
+                                                      {"GPano:PoseHeadingDegrees", "poseHeadingDegrees"},
+                                                      {"GPano:PosePitchDegrees", "posePitchDegrees"},
+                                                      {"GPano:PoseRollDegrees", "poseRollDegrees"}};
+  std::string values[std::size(pano)];
   bool hasPano = false;
-  for (const char* name : pano) hasPano = hasPano || !xmpValue(reader.stillXmp, name).empty();
+  for (size_t i = 0; i < std::size(pano); ++i) {
+    values[i] = xmpValue(reader.stillXmp, pano[i].first);
+    hasPano = hasPano || !values[i].empty();
+  }
   if (hasPano) {
     out.key("gpano").beginObject();
-    textOrNull(out, "projectionType", xmpValue(reader.stillXmp, pano[0]));
-    for (const char* name : {pano[1], pano[2], pano[3]}) {
-      const std::string text = xmpValue(reader.stillXmp, name);
+    textOrNull(out, pano[0].second, values[0]);
+    for (size_t i = 1; i < std::size(pano); ++i) {
       char* end = nullptr;
-      const double value = text.empty() ? NAN : std::strtod(text.c_str(), &end);
-      // "poseHeadingDegrees" and so on; a value that does not read whole as a number is null.
-      std::string key = std::string(name + 6);
-      key[0] = static_cast<char>(std::tolower(key[0]));
-      out.member(key, end != nullptr && *end == '\0' ? value : NAN);
+      const double value = values[i].empty() ? NAN : std::strtod(values[i].c_str(), &end);
+      // A value that does not read whole as a number is null.
+      out.member(pano[i].second, end != nullptr && *end == '\0' ? value : NAN);
     }
     out.endObject();
   } else {

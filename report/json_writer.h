@@ -37,6 +37,10 @@ class JsonWriter {
     return key(name).value(v);
   }
   JsonWriter& nullMember(std::string_view name) { return key(name).null(); }
+  // The text as the member's value, or null when it is empty.
+  JsonWriter& textOrNull(std::string_view name, std::string_view text) {
+    return text.empty() ? nullMember(name) : member(name, text);
+  }
 
   const std::string& text() const { return out_; }
 

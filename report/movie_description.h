@@ -8,7 +8,7 @@
 struct MovieDescription {
   double width = -1;
   double height = -1;
-  double duration = 0;  // seconds
+  double duration = 0;   // seconds
   double frameRate = 0;  // nominal (average) frames per second
 };
 

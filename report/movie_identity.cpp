@@ -9,6 +9,7 @@
 
 #include "gltk/byte_order.h"
 #include "gltk/file_io.h"
+#include "mp4/box_bytes.h"
 #include "mp4/boxes.h"
 #include "report/json_object.h"
 #include "report/json_writer.h"
@@ -17,8 +18,9 @@
 
 namespace {
 
-const uint8_t* bytesOf(std::string_view text) { return reinterpret_cast<const uint8_t*>(text.data()); }
-uint32_t be32(std::string_view bytes, size_t at) { return GLTK::loadBE32(bytesOf(bytes) + at); }
+using MP4::bytesOf;
+using MP4::forEachBox;
+uint32_t be32(std::string_view bytes, size_t at) { return MP4::be32At(bytes, at); }
 
 // The payload of a box in the open file, as far as the file holds it; empty
 // for a box over the payload limit (left unread without a word, as the
@@ -30,21 +32,6 @@ std::string payloadOf(GLTK::FileIO& file, const MP4::BOX& box) {
   out.resize(
       static_cast<size_t>(file.read_at(reinterpret_cast<unsigned char*>(out.data()), out.size(), box.start + header)));
   return out;
-}
-
-// Calls visit(type, body) for each box in bytes, in order, up to the first
-// whose size does not fit.
-template <class Visit>
-void forEachBox(std::string_view bytes, Visit&& visit) {
-  for (size_t at = 0; bytes.size() - at >= 8;) {
-    uint64_t size = be32(bytes, at);
-    size_t header = 8;
-    if (size == 1 && bytes.size() - at >= 16) size = GLTK::loadBE(bytesOf(bytes) + at + 8, 8), header = 16;
-    if (size == 0) size = bytes.size() - at;
-    if (size < header || size > bytes.size() - at) return;
-    visit(bytes.substr(at + 4, 4), bytes.substr(at + header, size - header));
-    at += size;
-  }
 }
 
 // The text of a QuickTime user-data text box: a 16-bit length, a 16-bit
@@ -243,14 +230,6 @@ std::optional<FragmentedDuration> readFragmented(const MP4::Container& movie, GL
   return result;
 }
 
-void textMember(JsonWriter& out, const char* name, const std::string& text) {
-  if (text.empty()) {
-    out.nullMember(name);
-  } else {
-    out.member(name, text);
-  }
-}
-
 }  // namespace
 
 bool parseIso6709(std::string_view text, GeoPoint& point) {
@@ -347,8 +326,8 @@ void identityMembers(JsonWriter& out, const MetaReader& reader) {
   const MovieIdentity& identity = reader.identity;
   const std::string camera = recordText(reader.locationText);
   out.key("location").beginObject();
-  textMember(out, "camera", camera);
-  textMember(out, "quicktime", identity.quicktimeLocation);
+  out.textOrNull("camera", camera);
+  out.textOrNull("quicktime", identity.quicktimeLocation);
   GeoPoint point;
   if (!parseIso6709(camera, point) && !parseIso6709(identity.quicktimeLocation, point) && identity.loci) {
     point = {identity.loci->latitude, identity.loci->longitude, identity.loci->altitude};
@@ -368,12 +347,12 @@ void identityMembers(JsonWriter& out, const MetaReader& reader) {
     out.nullMember("loci");
   }
   out.endObject().key("identity").beginObject();
-  textMember(out, "cameraModel", recordText(identity.cameraModel));
-  textMember(out, "quicktimeModel", identity.quicktimeModel);
-  textMember(out, "xmpCreatorTool", identity.xmpCreatorTool);
-  textMember(out, "creatorTool", recordText(reader.probe.creatorTool));
+  out.textOrNull("cameraModel", recordText(identity.cameraModel));
+  out.textOrNull("quicktimeModel", identity.quicktimeModel);
+  out.textOrNull("xmpCreatorTool", identity.xmpCreatorTool);
+  out.textOrNull("creatorTool", recordText(reader.probe.creatorTool));
   out.endObject();
-  textMember(out, "creationTime", creationTimeText(identity.creationTime));
+  out.textOrNull("creationTime", creationTimeText(identity.creationTime));
   if (const auto& fragmented = identity.fragmented) {
     out.key("fragmented").beginObject().member("duration", fragmented->duration);
     out.member("source", fragmented->fromMehd ? "mehd" : "fragments").endObject();

@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "gltk/byte_order.h"
+#include "mp4/box_bytes.h"
 #include "mp4/boxes.h"
 #include "report/json_writer.h"
 #include "report/meta_reader.h"
@@ -90,29 +91,11 @@ std::string_view localName(std::string_view name) {
   return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
-// Calls visit(type, body) for each box of bytes in turn, up to the first
-// that does not fit.
-template <class Visitor>
-void eachBox(std::string_view bytes, Visitor&& visit) {
-  const auto* b = reinterpret_cast<const uint8_t*>(bytes.data());
-  for (size_t at = 0; bytes.size() - at >= 8;) {
-    uint64_t size = GLTK::loadBE32(b + at);
-    size_t header = 8;
-    if (size == 1 && bytes.size() - at >= 16) size = GLTK::loadBE(b + at + 8, 8), header = 16;
-    if (size == 0) size = bytes.size() - at;
-    if (size < header || size > bytes.size() - at) return;
-    visit(bytes.substr(at + 4, 4), bytes.substr(at + header, size - header));
-    at += size;
-  }
-}
-
-uint32_t word(std::string_view body, size_t at) {
-  return GLTK::loadBE32(reinterpret_cast<const uint8_t*>(body.data()) + at);
-}
+uint32_t word(std::string_view body, size_t at) { return MP4::be32At(body, at); }
 
 // The projection box: its header and its first projection data box.
 void readProjection(std::string_view proj, SphericalV2& v2) {
-  eachBox(proj, [&](std::string_view type, std::string_view body) {
+  MP4::forEachBox(proj, [&](std::string_view type, std::string_view body) {
     if (type == "prhd" && body.size() >= 16) {
       v2.pose = {static_cast<int32_t>(word(body, 4)) / 65536.0, static_cast<int32_t>(word(body, 8)) / 65536.0,
                  static_cast<int32_t>(word(body, 12)) / 65536.0};
@@ -192,11 +175,7 @@ void v2Members(JsonWriter& out, const SphericalV2& v2) {
   } else {
     out.nullMember("metadataSource");
   }
-  if (v2.projection.empty()) {
-    out.nullMember("projection");
-  } else {
-    out.member("projection", v2.projection);
-  }
+  out.textOrNull("projection", v2.projection);
   if (v2.pose) {
     const auto& [yaw, pitch, roll] = *v2.pose;
     out.key("pose").beginObject().member("yaw", yaw).member("pitch", pitch).member("roll", roll).endObject();
@@ -324,11 +303,11 @@ std::optional<SphericalV2> parseSphericalV2(std::string_view entryPayload) {
   constexpr size_t kVisualFields = 78;
   if (entryPayload.size() <= kVisualFields) return std::nullopt;
   SphericalV2 v2;
-  eachBox(entryPayload.substr(kVisualFields), [&](std::string_view type, std::string_view body) {
+  MP4::forEachBox(entryPayload.substr(kVisualFields), [&](std::string_view type, std::string_view body) {
     if (type == "st3d" && body.size() >= 5) v2.stereoMode = static_cast<uint8_t>(body[4]);
     if (type != "sv3d" || v2.hasSV3D) return;
     v2.hasSV3D = true;
-    eachBox(body, [&](std::string_view inner, std::string_view content) {
+    MP4::forEachBox(body, [&](std::string_view inner, std::string_view content) {
       if (inner == "svhd" && content.size() >= 4 && !v2.metadataSource) {
         const std::string_view source = content.substr(4);
         v2.metadataSource = std::string(source.substr(0, source.find('\0')));
